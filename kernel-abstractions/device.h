@@ -45,7 +45,7 @@ struct ka_kset_uevent_ops {
  */
 typedef int ka_uevent_fn(struct kset *kset, struct kobject *kobj, struct kobj_uevent_env *env);
 
-const struct ka_kset_uevent_ops *ka_kset_uevent_ops(struct kset *kset);
+const struct ka_kset_uevent_ops *ka_kset_get_uevent_ops(struct kset *kset);
 /* Compare and exchange of the set's pointer; returns what it was. */
 const struct ka_kset_uevent_ops *ka_kset_cmpxchg_uevent_ops(struct kset *kset,
 							    const struct ka_kset_uevent_ops *from,
