@@ -68,8 +68,7 @@ void ka_kset_for_each(struct kset *kset, void (*function)(struct kobject *kobj))
 	struct kobject *kobj;
 
 	spin_lock(&kset->list_lock);
-	list_for_each_entry(kobj, &kset->list, entry)
-		function(kobj);
+	list_for_each_entry(kobj, &kset->list, entry) function(kobj);
 	spin_unlock(&kset->list_lock);
 }
 
@@ -82,9 +81,9 @@ const struct ka_kset_uevent_ops *ka_kset_cmpxchg_uevent_ops(struct kset *kset,
 							    const struct ka_kset_uevent_ops *from,
 							    const struct ka_kset_uevent_ops *to)
 {
-	return (const struct ka_kset_uevent_ops *)cmpxchg(
-		&kset->uevent_ops, (const struct kset_uevent_ops *)from,
-		(const struct kset_uevent_ops *)to);
+	return (const struct ka_kset_uevent_ops *)cmpxchg(&kset->uevent_ops,
+							  (const struct kset_uevent_ops *)from,
+							  (const struct kset_uevent_ops *)to);
 }
 
 int ka_uevent_variables(const struct kobj_uevent_env *env)

@@ -14,8 +14,7 @@ static struct ka_kobject *contract_kobject(struct kobject *kobj)
 
 static void release_kobject(struct kobject *kobj)
 {
-	struct ka_kobj_type *type =
-		KA_CONTAINER(get_ktype(kobj), struct ka_kobj_type, kernel);
+	struct ka_kobj_type *type = KA_CONTAINER(get_ktype(kobj), struct ka_kobj_type, kernel);
 
 	type->release(contract_kobject(kobj));
 }
@@ -56,8 +55,7 @@ void ka_kobject_put(struct ka_kobject *kobj)
 static ssize_t read_bin_file(struct file *file, struct kobject *kobj, struct bin_attribute *battr,
 			     char *buffer, loff_t offset, size_t count)
 {
-	struct ka_bin_attribute *attribute =
-		KA_CONTAINER(battr, struct ka_bin_attribute, kernel);
+	struct ka_bin_attribute *attribute = KA_CONTAINER(battr, struct ka_bin_attribute, kernel);
 	void *protection;
 	ssize_t result;
 

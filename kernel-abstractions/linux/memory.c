@@ -44,7 +44,8 @@ unsigned long ka_copy_from_user(void *to, const void *from_user, unsigned long s
 
 unsigned long ka_copy_to_user(void *to_user, const void *from, unsigned long size)
 {
-	/* Whether the destination is the process's own comes first: only then is the source read. */
+	/* Whether the destination is the process's own comes first: only then is the source read.
+	 */
 	if (!kernel_access_ok(to_user, size))
 		return size;
 	return copy_to_user((void __user *)to_user, from, size);

@@ -55,7 +55,7 @@ KA_FOR_EACH_OBJECT(KA_CHECK_SIZE)
 #undef KA_CHECK_SIZE
 
 /* The kernel object in the storage of a contract object, and the way back. */
-#define KA_OBJECT(type, object)		((type *)(object)->storage)
+#define KA_OBJECT(type, object)            ((type *)(object)->storage)
 #define KA_CONTAINER(pointer, type, field) container_of((void *)(pointer), type, field.storage)
 #endif
 

@@ -21,7 +21,8 @@
 #include "../objects.h"
 #include "bio.h"
 
-/* A table that was or is installed. It lives as long as its disk_hooks: somebody may point to it. */
+/* A table that was or is installed. It lives as long as its disk_hooks: somebody may point to it.
+ */
 struct installed_table {
 	struct installed_table *older;
 	struct block_device_operations fops;
@@ -41,8 +42,8 @@ struct disk_hooks {
 };
 
 static DEFINE_HASHTABLE(hooked_disks, 8);
-static DEFINE_MUTEX(hooks_mutex);    /* every change */
-DEFINE_STATIC_SRCU(hooks_srcu);	     /* every bio on its way through take_bio */
+static DEFINE_MUTEX(hooks_mutex); /* every change */
+DEFINE_STATIC_SRCU(hooks_srcu);   /* every bio on its way through take_bio */
 static void (*submit_to_blk_mq)(struct bio *bio);
 
 static struct disk_hooks *find_hooks(struct gendisk *disk)
@@ -51,9 +52,8 @@ static struct disk_hooks *find_hooks(struct gendisk *disk)
 
 	hash_for_each_possible_rcu(hooked_disks, hooks, node, (unsigned long)disk,
 				   srcu_read_lock_held(&hooks_srcu) ||
-					   lockdep_is_held(&hooks_mutex))
-		if (hooks->disk == disk)
-			return hooks;
+					   lockdep_is_held(&hooks_mutex)) if (hooks->disk ==
+									      disk) return hooks;
 	return NULL;
 }
 
@@ -429,7 +429,8 @@ int ka_init(void)
 	int err = register_kprobe(&probe);
 
 	if (err) {
-		pr_err("zorvat: cannot load: this kernel has no usable blk_mq_submit_bio (%d)\n", err);
+		pr_err("zorvat: cannot load: this kernel has no usable blk_mq_submit_bio (%d)\n",
+		       err);
 		return err;
 	}
 	submit_to_blk_mq = (void *)probe.addr;
@@ -445,11 +446,13 @@ void ka_exit(void)
 	int bucket;
 
 	mutex_lock(&hooks_mutex);
-	hash_for_each_safe(hooked_disks, bucket, next, hooks, node) {
+	hash_for_each_safe(hooked_disks, bucket, next, hooks, node)
+	{
 		const char *name = hooks->disk->disk_name;
 
 		if (is_overlaid(hooks)) {
-			pr_crit("zorvat: %s: operations replaced by somebody else point here\n", name);
+			pr_crit("zorvat: %s: operations replaced by somebody else point here\n",
+				name);
 			continue;
 		}
 		set_ioctl_entries(hooks, hooks->found);
