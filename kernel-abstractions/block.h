@@ -1,0 +1,161 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * The block layer: devices and disks, bios, a queue's make-request function, a disk's operations
+ * table.
+ */
+#ifndef KA_BLOCK_H
+#define KA_BLOCK_H
+
+#include "types.h"
+
+KA_BEGIN_DECLS
+
+struct block_device;
+struct gendisk;
+struct request;
+struct request_queue;
+struct super_block;
+
+/* --- Block devices: a whole disk or a partition ------------------------------------------- */
+
+#define KA_FMODE_READ    1u
+#define KA_BDEVNAME_SIZE 32
+
+/* Opens by number. An error pointer; -ENXIO when the device is gone. */
+struct block_device *ka_open_by_devnum(ka_dev_t dev, unsigned int mode);
+void ka_blkdev_put(struct block_device *bdev, unsigned int mode);
+
+/* Writes out everything dirty: the file system's, then the device's own pages. */
+int ka_fsync_bdev(struct block_device *bdev);
+/*
+ * Freezes the file system mounted on the device, if there is one, until the thaw. The result (a
+ * super block, null, or an error pointer) goes to the matching thaw, which undoes nothing that the
+ * freeze did not do.
+ */
+struct super_block *ka_freeze_bdev(struct block_device *bdev);
+int ka_thaw_bdev(struct block_device *bdev, struct super_block *frozen);
+
+/* Of an open device. Any context. */
+ka_dev_t ka_bdev_dev(struct block_device *bdev);
+struct gendisk *ka_bdev_disk(struct block_device *bdev); /* may be null */
+struct request_queue *ka_bdev_queue(struct block_device *bdev);
+ka_dev_t ka_bdev_whole_dev(struct block_device *bdev);  /* the number of its whole disk */
+ka_sector_t ka_bdev_start(struct block_device *bdev);   /* on the whole disk; 0 for one */
+ka_sector_t ka_bdev_sectors(struct block_device *bdev); /* length; a whole disk's capacity */
+int ka_bdev_partno(struct block_device *bdev);          /* 0: a whole disk */
+void ka_bdevname(struct block_device *bdev, char name[KA_BDEVNAME_SIZE]);
+int ka_disk_is_removable(struct gendisk *disk);
+
+/* --- Bios and make-request functions ------------------------------------------------------ */
+
+/*
+ * A bio on its way to a disk, as the make-request function gets it. What the accessors say is
+ * what was submitted to the disk: the device is the whole disk and the sector is the disk's own.
+ *
+ * They may be called after the bio was handed on. A kernel on which the bio may be gone by then
+ * answers from what it kept; the 2.6.32 kernel answers from the bio as it is.
+ */
+struct ka_bio;
+
+ka_dev_t ka_bio_dev(const struct ka_bio *bio);
+/* The write bit: set on every operation that changes data. */
+int ka_bio_is_write(const struct ka_bio *bio);
+ka_sector_t ka_bio_sector(const struct ka_bio *bio);
+/* The number of segments; 0 on a kernel where it belongs to the bio's owner. */
+unsigned int ka_bio_segments(const struct ka_bio *bio);
+/* The length of the current segment in bytes. Only for a bio that has segments. */
+uint64_t ka_bio_segment_bytes(const struct ka_bio *bio);
+/* The length of what the bio affects, in bytes. */
+uint64_t ka_bio_bytes(const struct ka_bio *bio);
+
+/*
+ * Takes a bio for a queue. Runs in the context of whoever submits, which may sleep. A function
+ * that neither hands the bio on nor completes it returns an error, with which the bio then ends.
+ */
+typedef int ka_make_request_fn(struct request_queue *queue, struct ka_bio *bio);
+
+/* The function that a queue has now. It may be called with a bio of that queue. Any context. */
+ka_make_request_fn *ka_queue_make_request(struct request_queue *queue);
+/*
+ * Compare and exchange: installs `to` if the queue has `from`. Returns what the queue had, which
+ * is `from` exactly when the exchange was done.
+ */
+ka_make_request_fn *ka_queue_cmpxchg_make_request(struct request_queue *queue,
+						  ka_make_request_fn *from, ka_make_request_fn *to);
+/* Stores unconditionally. */
+void ka_queue_set_make_request(struct request_queue *queue, ka_make_request_fn *function);
+
+/* --- A disk's table of operations --------------------------------------------------------- */
+
+/* A whole copy of a table of block-device operations. */
+struct ka_block_device_operations {
+	KA_STORAGE(BLOCK_DEVICE_OPERATIONS);
+};
+
+/* An ioctl entry: called in the context of the process, which may sleep. */
+typedef int ka_bdev_ioctl_fn(struct block_device *bdev, unsigned int mode, unsigned int cmd,
+			     unsigned long arg);
+
+/* The ioctl entries that a table can have. A kernel without one of them never calls it. */
+enum ka_ioctl_entry {
+	KA_IOCTL,
+	KA_LOCKED_IOCTL,
+	KA_COMPAT_IOCTL,
+	KA_IOCTL_ENTRIES
+};
+
+/* A disk's table, identified by its address. */
+const struct ka_block_device_operations *ka_disk_fops(struct gendisk *disk);
+/* Compare and exchange of the disk's pointer; returns what it was. */
+const struct ka_block_device_operations *
+ka_disk_cmpxchg_fops(struct gendisk *disk, const struct ka_block_device_operations *from,
+		     const struct ka_block_device_operations *to);
+/* Copies the whole table `from`, with its ioctl entries replaced by those given. */
+void ka_fops_copy_with_ioctls(struct ka_block_device_operations *to,
+			      const struct ka_block_device_operations *from,
+			      ka_bdev_ioctl_fn *const entries[KA_IOCTL_ENTRIES]);
+/* The table's ioctl entry; null when it has none. */
+ka_bdev_ioctl_fn *ka_fops_ioctl(const struct ka_block_device_operations *fops,
+				enum ka_ioctl_entry entry);
+
+/* --- Disks of one's own ------------------------------------------------------------------- */
+
+/* Called under the queue's lock, in any context, when there may be requests to fetch. */
+typedef void ka_request_fn(struct request_queue *queue);
+
+/* How a disk of the driver's is described to the block layer. */
+struct ka_disk_geometry {
+	unsigned char heads, sectors;
+	unsigned short cylinders;
+	unsigned long start;
+};
+
+/* The operations of a disk of the driver's. Static storage; the module is the owner. */
+struct ka_disk_operations {
+	int (*getgeo)(struct block_device *bdev, struct ka_disk_geometry *geometry);
+};
+
+/* A queue with a lock of its own that calls the function. Null when memory is short. */
+struct request_queue *ka_blk_init_queue(ka_request_fn *function);
+void ka_blk_cleanup_queue(struct request_queue *queue);
+/* The next request, started; null when there is none. In a request function only. */
+struct request *ka_blk_fetch_request(struct request_queue *queue);
+/* Ends the current chunk of a request; returns 0 when that was the last. In a request function. */
+int ka_blk_end_request_cur(struct request *request, int error);
+
+/* A block major: the number, which is dynamic, or a negative error. */
+int ka_register_blkdev(const char *name);
+void ka_unregister_blkdev(unsigned int major, const char *name);
+
+/* A disk with that many minors, not yet in the system, not owning its queue. Null when short. */
+struct gendisk *ka_alloc_disk(int minors, struct request_queue *queue);
+/* Before ka_add_disk. The partitions are never shown and the disk is read-only. */
+void ka_disk_describe(struct gendisk *disk, unsigned int major, const char *name,
+		      const struct ka_disk_operations *operations, ka_sector_t capacity);
+int ka_add_disk(struct gendisk *disk);
+void ka_del_gendisk(struct gendisk *disk); /* only after ka_add_disk succeeded */
+void ka_put_disk(struct gendisk *disk);    /* the last use; before ka_blk_cleanup_queue */
+
+KA_END_DECLS
+
+#endif

@@ -1,0 +1,29 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* The module: its name, what its kernel layer sets up, and where the loader enters and leaves. */
+#ifndef KA_MODULE_H
+#define KA_MODULE_H
+
+#include "types.h"
+
+KA_BEGIN_DECLS
+
+#define KA_MODULE_NAME "zorvat"
+
+/*
+ * The layer's own setup: the first thing that loading does. On failure, which the layer has
+ * explained in the kernel log, loading ends with that error.
+ */
+int ka_init(void);
+/* The last thing that unloading does: no hook of the layer's is left in the kernel afterwards. */
+void ka_exit(void);
+
+/* 16 random bytes with the version-4 and variant bits of a UUID. */
+void ka_generate_random_uuid(unsigned char uuid[16]);
+
+/* The driver's entry points, called by the loader. May sleep. */
+int init_module(void);
+void cleanup_module(void);
+
+KA_END_DECLS
+
+#endif
