@@ -14,53 +14,53 @@ main:
 	.section __mcount_loc, "a",@progbits
 	.quad 1b
 	.previous
-# /work/main/kernel-abstractions/linux/kernel-sizes.c:11: 	KA_FOR_EACH_OBJECT(KA_DEFINE_SIZE)
+# /work/trees/vm/kernel-abstractions/linux/kernel-sizes.c:11: 	KA_FOR_EACH_OBJECT(KA_DEFINE_SIZE)
 #APP
-# 11 "/work/main/kernel-abstractions/linux/kernel-sizes.c" 1
+# 11 "/work/trees/vm/kernel-abstractions/linux/kernel-sizes.c" 1
 	
 .ascii "->KA_SIZEOF_MUTEX $32 sizeof(struct mutex)"	#
 # 0 "" 2
-# 11 "/work/main/kernel-abstractions/linux/kernel-sizes.c" 1
+# 11 "/work/trees/vm/kernel-abstractions/linux/kernel-sizes.c" 1
 	
 .ascii "->KA_SIZEOF_RWSEM $40 sizeof(struct rw_semaphore)"	#
 # 0 "" 2
-# 11 "/work/main/kernel-abstractions/linux/kernel-sizes.c" 1
+# 11 "/work/trees/vm/kernel-abstractions/linux/kernel-sizes.c" 1
 	
 .ascii "->KA_SIZEOF_COMPLETION $32 sizeof(struct completion)"	#
 # 0 "" 2
-# 11 "/work/main/kernel-abstractions/linux/kernel-sizes.c" 1
+# 11 "/work/trees/vm/kernel-abstractions/linux/kernel-sizes.c" 1
 	
 .ascii "->KA_SIZEOF_KOBJECT $64 sizeof(struct kobject)"	#
 # 0 "" 2
-# 11 "/work/main/kernel-abstractions/linux/kernel-sizes.c" 1
+# 11 "/work/trees/vm/kernel-abstractions/linux/kernel-sizes.c" 1
 	
 .ascii "->KA_SIZEOF_KOBJ_TYPE $48 sizeof(struct kobj_type)"	#
 # 0 "" 2
-# 11 "/work/main/kernel-abstractions/linux/kernel-sizes.c" 1
+# 11 "/work/trees/vm/kernel-abstractions/linux/kernel-sizes.c" 1
 	
 .ascii "->KA_SIZEOF_BIN_ATTRIBUTE $64 sizeof(struct bin_attribute)"	#
 # 0 "" 2
-# 11 "/work/main/kernel-abstractions/linux/kernel-sizes.c" 1
+# 11 "/work/trees/vm/kernel-abstractions/linux/kernel-sizes.c" 1
 	
 .ascii "->KA_SIZEOF_DELAYED_WORK $88 sizeof(struct delayed_work)"	#
 # 0 "" 2
-# 11 "/work/main/kernel-abstractions/linux/kernel-sizes.c" 1
+# 11 "/work/trees/vm/kernel-abstractions/linux/kernel-sizes.c" 1
 	
 .ascii "->KA_SIZEOF_BLOCK_DEVICE_OPERATIONS $152 sizeof(struct block_device_operations)"	#
 # 0 "" 2
-# 11 "/work/main/kernel-abstractions/linux/kernel-sizes.c" 1
+# 11 "/work/trees/vm/kernel-abstractions/linux/kernel-sizes.c" 1
 	
 .ascii "->KA_SIZEOF_KSET_UEVENT_OPS $24 sizeof(struct kset_uevent_ops)"	#
 # 0 "" 2
-# 11 "/work/main/kernel-abstractions/linux/kernel-sizes.c" 1
+# 11 "/work/trees/vm/kernel-abstractions/linux/kernel-sizes.c" 1
 	
 .ascii "->KA_SIZEOF_MISCDEVICE $360 sizeof(struct ka_kernel_misc)"	#
 # 0 "" 2
-# 11 "/work/main/kernel-abstractions/linux/kernel-sizes.c" 1
+# 11 "/work/trees/vm/kernel-abstractions/linux/kernel-sizes.c" 1
 	
 .ascii "->KA_SIZEOF_GENL_FAMILY $1640 sizeof(struct ka_kernel_genl)"	#
 # 0 "" 2
-# /work/main/kernel-abstractions/linux/kernel-sizes.c:13: }
+# /work/trees/vm/kernel-abstractions/linux/kernel-sizes.c:13: }
 #NO_APP
 	xorl	%eax, %eax	#
 	jmp	__x86_return_thunk

@@ -25,8 +25,8 @@ ctl() { # SUBCOMMAND...: over $transport
 }
 
 prints_version() {
-	zorvatctl version | grep -q '^Version: [0-9.]*-[0-9]*-Release Build-Date: ".*" Build-Info: ".*"$'
-	zorvatctl --ioctl version | grep -q '^Version: '
+	zorvatctl version | grep -q '^Version:[0-9.]*-[0-9]*-Release Build-Date: ".*" Build-Info: ".*"$'
+	zorvatctl --ioctl version | grep -q '^Version:'
 }
 
 write_block() { # NUMBER: the first 4 KiB of a 64 KiB block

@@ -94,7 +94,11 @@ start_tracking() { # DISK: until the case ends
 	eventually 10 is_known_as_it_is "$1"
 	zorvatctl start "$1"
 	is_tracked "$1"
-	defer "zorvatctl stop $1"
+	defer "stop_tracking $1"
+}
+
+stop_tracking() { # DISK, which the case may have removed
+	[ ! -b "$1" ] || zorvatctl stop "$1"
 }
 
 # --- Disks. Each sets $disk and lasts until the case ends.
@@ -140,9 +144,9 @@ use_scsi_debug_4k() {
 	use_scsi_debug sector_size=4096
 }
 
-use_loop() {
+use_loop() { # [BYTES]
 	modprobe -q loop || true
-	truncate -s 32M /tmp/loop-image
+	truncate -s "${1:-32M}" /tmp/loop-image
 	defer rm /tmp/loop-image
 	disk=$(losetup -f) || skip "no loop"
 	losetup -P "$disk" /tmp/loop-image || losetup "$disk" /tmp/loop-image

@@ -15,7 +15,7 @@ matches_log() { # WORK
 	start_tracking "$disk"
 	"$1"
 	report_changes "$disk"
-	zorvatctl stop "$disk"
+	stop_tracking "$disk"
 	dmsetup remove logged # completes the log
 	oracle log /dev/vdc /tmp/extents
 }

@@ -9,6 +9,10 @@ cases() {
 			echo reports $work $kind
 		done
 	done
+	for sectors in 65536 65535 4186111; do
+		echo reports_the_end $sectors
+	done
+	echo takes_2_mib_per_tib
 	echo unload
 }
 
@@ -72,4 +76,28 @@ discards() {
 	/usr/sbin/blkdiscard -o 1048576 -l 3145728 "$disk"
 	/usr/sbin/blkdiscard -z -o 8388608 -l 69632 "$disk"
 	/usr/sbin/blkdiscard -z -o 10485760 -l 2097152 "$disk"
+}
+
+covers() { # SECTOR: is it in the report?
+	awk -v sector="$1" '$1 <= sector && sector < $1 + $2 { found = 1 } END { exit !found }' /tmp/extents
+}
+
+# The rule's extra block lies beyond the disk: in a spare bit, in none (a disk one sector short of
+# whole words, where the driver cannot tell how far the changes reach back), or beyond the last page
+# of the bitmap (511 words and a header).
+reports_the_end() { # SECTORS
+	use_loop $(($1 * 512))
+	start_tracking "$disk"
+	dd if=/dev/urandom of="$disk" bs=512 seek=$(($1 - 1)) count=1 conv=fsync 2>/dev/null
+	report_changes "$disk"
+	covers $(($1 - 1))
+	is_tracked "$disk"
+}
+
+takes_2_mib_per_tib() {
+	use_null_blk $((1024 * 1024))
+	start_tracking "$disk"
+	[ "$(zorvatctl bitmap-size "$disk")" = $((2 * 1024 * 1024 + 8)) ]
+	dd if=/dev/urandom of="$disk" bs=4k seek=$((200 * 1024 * 1024)) count=1 oflag=direct 2>/dev/null
+	[ "$(zorvatctl extents "$disk")" = "1677721600 256" ]
 }

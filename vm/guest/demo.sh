@@ -8,7 +8,7 @@ cases() {
 	echo unload
 }
 
-disk=/dev/vdb
+disk=/dev/vda
 copy=/dev/vdc
 
 tell() { # for the reader, past the case's own log
@@ -19,20 +19,20 @@ mebibytes() { # SECTORS
 	awk -v sectors="$1" 'BEGIN { printf "%.1f MiB", sectors / 2048 }'
 }
 
-sectors_written() {
-	awk '{ print $7 }' /sys/block/vdb/stat
+sectors_written() { # DISK
+	awk '{ print $7 }' "$(sysfs_of "$1")/stat"
 }
 
 work_on_the_disk() {
 	tell "  mkfs.ext4, mount"
 	mkfs.ext4 -q -E nodiscard $disk
 	mount -t ext4 $disk /mnt
-	tell "  copy a tree: /bin and /usr"
-	cp -a /bin /usr /mnt
+	tell "  copy a tree: /usr"
+	cp -a /usr /mnt
 	tell "  random writes into a file (fio)"
 	fio --name=work --directory=/mnt --size=16m --rw=randwrite --bs=4k --io_size=4m --thread \
 		--end_fsync=1 --output=/tmp/fio.log
-	rm -r /mnt/bin
+	rm -r /mnt/usr/sbin
 	tell "  unmount"
 	umount /mnt
 }
@@ -57,13 +57,13 @@ incremental_backup_is_complete() {
 	zorvatctl start $disk
 	defer zorvatctl stop $disk
 	local before
-	before=$(sectors_written)
+	before=$(sectors_written $disk)
 
 	tell "work on the disk:"
 	work_on_the_disk
 	fails cmp -s $disk $copy
 	local written
-	written=$(($(sectors_written) - before))
+	written=$(($(sectors_written $disk) - before))
 
 	tell "read the changed extents over netlink"
 	report_changes $disk
@@ -71,10 +71,10 @@ incremental_backup_is_complete() {
 	reported=$(awk '{ sum += $2 } END { print sum }' /tmp/extents)
 
 	tell "copy only those"
-	before=$(awk '{ print $7 }' /sys/block/vdc/stat)
+	before=$(sectors_written $copy)
 	copy_extents </tmp/extents
 	local copied
-	copied=$(($(awk '{ print $7 }' /sys/block/vdc/stat) - before))
+	copied=$(($(sectors_written $copy) - before))
 
 	tell "written $(mebibytes $written), reported $(mebibytes "$reported") in $(wc -l </tmp/extents) extents, copied $(mebibytes $copied)"
 	cmp $disk $copy
