@@ -139,6 +139,10 @@ static void widen_to_zones(struct ka_bio *bio)
 	}
 }
 
+/*
+ * A function that does not take the bio is one that does not know the disk any more, as while it
+ * is being unloaded. The disk goes on working all the same.
+ */
 static void make_request(ka_make_request_fn *function, struct gendisk *disk, struct bio *bio)
 {
 	struct ka_bio taken = {
@@ -148,15 +152,12 @@ static void make_request(ka_make_request_fn *function, struct gendisk *disk, str
 		.bytes = bio->bi_iter.bi_size,
 		.is_write = op_is_write(bio_op(bio)),
 	};
-	int err;
 
 	if (bdev_is_zoned(bio->bi_bdev))
 		widen_to_zones(&taken);
-	err = function(disk->queue, &taken);
-	if (!taken.handed_on) {
-		bio->bi_status = errno_to_blk_status(err ? err : -EIO);
-		bio_endio(bio);
-	}
+	function(disk->queue, &taken);
+	if (!taken.handed_on)
+		hand_on(find_hooks(disk), disk, bio);
 }
 
 /* The submit_bio of an installed table. */
