@@ -25,7 +25,7 @@ ctl() { # SUBCOMMAND...: over $transport
 }
 
 prints_version() {
-	zorvatctl version | grep -q '^Version:[0-9.]*-[0-9]*-Release Build-Date: ".*" Build-Info: ".*"$'
+	zorvatctl version | grep -q '^Version:[0-9.]*-[0-9]*-Release Build-Date:".*" Build-Info:".*"$'
 	zorvatctl --ioctl version | grep -q '^Version:'
 }
 
