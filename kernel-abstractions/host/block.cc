@@ -272,9 +272,8 @@ int Disk::ioctl(unsigned int cmd, unsigned long arg, int partition, ka_ioctl_ent
 		throw Bug("ioctl: the table lost its other entries");
 	if (!fops.entries[entry])
 		return -enotty;
-	int result = fops.entries[entry](&part(disk_, partition), KA_FMODE_READ, cmd, arg);
-	check_no_locks(current(), "end of an ioctl");
-	return result;
+	CallIntoDriver call("a block device's ioctl");
+	return fops.entries[entry](&part(disk_, partition), KA_FMODE_READ, cmd, arg);
 }
 
 std::vector<NativeIoctl> Disk::native_ioctls() const

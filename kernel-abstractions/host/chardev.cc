@@ -64,13 +64,13 @@ OpenNode::~OpenNode()
 
 long OpenNode::ioctl(unsigned int cmd, unsigned long arg) const
 {
-	long result = file_->unlocked_ioctl(file_, cmd, arg);
-	check_no_locks(current(), "end of an ioctl");
-	return result;
+	CallIntoDriver call("a node's ioctl");
+	return file_->unlocked_ioctl(file_, cmd, arg);
 }
 
 long OpenNode::compat_ioctl(unsigned int cmd, unsigned long arg) const
 {
+	CallIntoDriver call("a node's ioctl");
 	return file_->compat_ioctl(file_, cmd, arg);
 }
 

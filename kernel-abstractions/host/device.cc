@@ -82,9 +82,8 @@ int raise(device *device, std::vector<std::string> variables)
 		if (ops.name)
 			ops.name(set, &device->kobj);
 	}
-	int result = ka_uevent_ops_call(table, set, &device->kobj, &env);
-	check_no_locks(current(), "end of a uevent");
-	return result;
+	CallIntoDriver call("a uevent");
+	return ka_uevent_ops_call(table, set, &device->kobj, &env);
 }
 
 /* Holds the set's spinlock. */

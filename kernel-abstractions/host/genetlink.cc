@@ -138,9 +138,8 @@ int dispatch(const GenlRequest &request)
 		return -eperm;
 	sk_buff buffer(0);
 	genl_info info{&request};
-	int result = op->doit(&buffer, &info);
-	check_no_locks(current(), "end of a netlink request");
-	return result;
+	CallIntoDriver call("a netlink request");
+	return op->doit(&buffer, &info);
 }
 
 void free_buffer(sk_buff *skb)

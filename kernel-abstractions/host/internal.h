@@ -34,8 +34,21 @@ struct Task {
 Task &current();
 /* Throws when the caller must not sleep. */
 void might_sleep(const char *call);
-/* Reports the locks that the task should have given back by now. */
-void check_no_locks(const Task &task, const std::string &where);
+/* One call into the driver, which must leave the task as it found it. */
+class CallIntoDriver
+{
+public:
+	explicit CallIntoDriver(const char *name);
+	~CallIntoDriver();
+	CallIntoDriver(const CallIntoDriver &) = delete;
+	CallIntoDriver &operator=(const CallIntoDriver &) = delete;
+
+private:
+	const char *name_;
+	size_t held_;
+	int atomic_depth_;
+	bool noio_;
+};
 
 /* An error noticed where nothing can be thrown, as in an unlock; leaks() tells. */
 void violation(const std::string &text);

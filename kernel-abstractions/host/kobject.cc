@@ -142,10 +142,10 @@ long sysfs_read(const std::string &path, std::span<char> buffer, long long offse
 		if (!found.file || !ka_kobject_get(found.kobj))
 			return -KA_ENOENT;
 	}
+	CallIntoDriver call("a sysfs read");
 	long result = found.file->read(nullptr, found.kobj, found.file, buffer.data(), offset,
 				       std::min<size_t>(buffer.size(), 4096));
 	ka_kobject_put(found.kobj);
-	check_no_locks(current(), "end of a sysfs read");
 	return result;
 }
 

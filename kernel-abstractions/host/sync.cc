@@ -119,7 +119,8 @@ Task::Task()
 
 Task::~Task()
 {
-	check_no_locks(*this, "end of a thread");
+	if (!held.empty() || atomic_depth > 0 || noio)
+		violation("a thread ended with locks held or in atomic context");
 	std::lock_guard guard(tasks().lock);
 	std::erase(tasks().all, this);
 }
@@ -136,14 +137,20 @@ void might_sleep(const char *call)
 		throw Bug(printed("%s: may sleep, called in atomic context", call));
 }
 
-void check_no_locks(const Task &task, const std::string &where)
+CallIntoDriver::CallIntoDriver(const char *name)
+    : name_(name), held_(current().held.size()), atomic_depth_(current().atomic_depth),
+      noio_(current().noio)
 {
-	if (!task.held.empty())
-		violation(where + ": locks still held");
-	if (task.atomic_depth > 0)
-		violation(where + ": still in atomic context");
-	if (task.noio)
-		violation(where + ": allocations still without I/O");
+}
+
+CallIntoDriver::~CallIntoDriver()
+{
+	if (current().held.size() != held_)
+		violation(printed("%s: a lock was not given back", name_));
+	if (current().atomic_depth != atomic_depth_)
+		violation(printed("%s: returned in atomic context", name_));
+	if (current().noio != noio_)
+		violation(printed("%s: allocations stay without I/O", name_));
 }
 
 bool holds_lock_in(const Task &task, const void *memory, size_t size)
