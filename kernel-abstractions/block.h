@@ -69,8 +69,9 @@ uint64_t ka_bio_segment_bytes(const struct ka_bio *bio);
 uint64_t ka_bio_bytes(const struct ka_bio *bio);
 
 /*
- * Takes a bio for a queue. Runs in the context of whoever submits, which may sleep. A function
- * that neither hands the bio on nor completes it returns an error, with which the bio then ends.
+ * Takes a bio for a queue. Runs in the context of whoever submits, which may sleep. 0, or an error
+ * when the bio was not taken: then the kernel asks the queue again (2.6.32), or hands the bio to
+ * the disk itself.
  */
 typedef int ka_make_request_fn(struct request_queue *queue, struct ka_bio *bio);
 

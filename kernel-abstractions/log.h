@@ -22,15 +22,21 @@ void ka_printk(int level, const char *format, ...) __attribute__((format(printf,
 int ka_snprintf(char *buffer, size_t size, const char *format, ...)
 	__attribute__((format(printf, 3, 4)));
 
-/* BUG: a state that must never occur. Stops the kernel (the model kernel throws). */
-void ka_bug(const char *file, int line) __attribute__((noreturn));
+/*
+ * BUG: a state that must never occur. Stops the kernel (the model kernel throws): does not return.
+ * Use KA_BUG_ON.
+ */
+void ka_bug(const char *file, int line);
 
 KA_END_DECLS
 
+/* The trap is never reached; it tells compiler and tools that nothing follows. */
 #define KA_BUG_ON(condition)                                                                       \
 	do {                                                                                       \
-		if (__builtin_expect(!!(condition), 0))                                            \
+		if (__builtin_expect(!!(condition), 0)) {                                          \
 			ka_bug(__FILE__, __LINE__);                                                \
+			__builtin_trap();                                                          \
+		}                                                                                  \
 	} while (0)
 
 #endif

@@ -10,6 +10,7 @@
 #include "build-info.h"
 #include "control-device.h"
 #include "udev-patcher.h"
+#include "version.h"
 #include "volume-ioctl.h"
 #include "volume-manager.h"
 #include "volume-registry.h"

@@ -1,0 +1,78 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* 2.6.32 of RHEL 6: the calls of the common translations that differ from later kernels. */
+#ifndef KA_RHEL6_THIS_KERNEL_H
+#define KA_RHEL6_THIS_KERNEL_H
+
+#include <linux/blkdev.h>
+#include <linux/kernel.h>
+#include <linux/netlink.h>
+#include <linux/rcupdate.h>
+#include <linux/sysfs.h>
+#include <linux/uaccess.h>
+#include <linux/vmalloc.h>
+#include <net/genetlink.h>
+
+#ifndef U16_MAX
+#define U16_MAX ((u16)~0U)
+#endif
+
+/* The level's marker is text at the head of the format. */
+static inline void kernel_vprintk(int level, const char *format, va_list args)
+{
+	char marked[256];
+
+	snprintf(marked, sizeof(marked), "<%d>%s", level, format);
+	vprintk(marked, args);
+}
+
+static inline void *kernel_vmalloc_quiet(size_t size)
+{
+	return __vmalloc(size, GFP_KERNEL | __GFP_HIGHMEM | __GFP_NOWARN, PAGE_KERNEL);
+}
+
+/* This kernel has no such scope. */
+static inline unsigned int kernel_noio_save(void)
+{
+	return 0;
+}
+
+static inline void kernel_noio_restore(unsigned int flags)
+{
+}
+
+static inline bool kernel_access_ok(const void *user, unsigned long size)
+{
+	return access_ok(VERIFY_WRITE, (const void __user *)user, size);
+}
+
+static inline void kernel_synchronize_sched(void)
+{
+	synchronize_sched();
+}
+
+/* Removing a file waits for its readers here; a reader that waits for a lock can be interrupted. */
+static inline void *kernel_sysfs_unprotect(struct kobject *kobj, const struct attribute *attr)
+{
+	return NULL;
+}
+
+static inline void kernel_sysfs_reprotect(void *protection)
+{
+}
+
+static inline u32 kernel_genl_portid(const struct genl_info *info)
+{
+	return info->snd_pid;
+}
+
+static inline void kernel_netlink_ack(struct sk_buff *request, struct nlmsghdr *header, int error)
+{
+	netlink_ack(request, header, error);
+}
+
+static inline void *kernel_locked_ioctl_slot(struct block_device_operations *fops)
+{
+	return &fops->locked_ioctl;
+}
+
+#endif

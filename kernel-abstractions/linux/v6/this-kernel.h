@@ -1,0 +1,74 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* 6.1 and later: the calls of the common translations that differ from 2.6.32. */
+#ifndef KA_V6_THIS_KERNEL_H
+#define KA_V6_THIS_KERNEL_H
+
+#include <linux/blkdev.h>
+#include <linux/netlink.h>
+#include <linux/printk.h>
+#include <linux/rcupdate.h>
+#include <linux/sched/mm.h>
+#include <linux/sysfs.h>
+#include <linux/uaccess.h>
+#include <linux/vmalloc.h>
+#include <net/genetlink.h>
+
+static inline void kernel_vprintk(int level, const char *format, va_list args)
+{
+	vprintk_emit(0, level, NULL, format, args);
+}
+
+static inline void *kernel_vmalloc_quiet(size_t size)
+{
+	return __vmalloc(size, GFP_KERNEL | __GFP_NOWARN);
+}
+
+static inline unsigned int kernel_noio_save(void)
+{
+	return memalloc_noio_save();
+}
+
+static inline void kernel_noio_restore(unsigned int flags)
+{
+	memalloc_noio_restore(flags);
+}
+
+static inline bool kernel_access_ok(const void *user, unsigned long size)
+{
+	return access_ok((const void __user *)user, size);
+}
+
+static inline void kernel_synchronize_sched(void)
+{
+	synchronize_rcu();
+}
+
+/* Lets the removal of a file go ahead while it is being read. */
+static inline void *kernel_sysfs_unprotect(struct kobject *kobj, const struct attribute *attr)
+{
+	return sysfs_break_active_protection(kobj, attr);
+}
+
+static inline void kernel_sysfs_reprotect(void *protection)
+{
+	if (protection)
+		sysfs_unbreak_active_protection(protection);
+}
+
+static inline u32 kernel_genl_portid(const struct genl_info *info)
+{
+	return info->snd_portid;
+}
+
+static inline void kernel_netlink_ack(struct sk_buff *request, struct nlmsghdr *header, int error)
+{
+	netlink_ack(request, header, error, NULL);
+}
+
+/* There is no ioctl under the big kernel lock any more. */
+static inline void *kernel_locked_ioctl_slot(struct block_device_operations *fops)
+{
+	return NULL;
+}
+
+#endif

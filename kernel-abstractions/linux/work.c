@@ -1,0 +1,61 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* Deferred work. */
+#include "../work.h"
+
+#include <linux/jiffies.h>
+
+#include "objects.h"
+
+/* The contract counts in milliseconds. */
+static unsigned long kernel_delay(unsigned long delay)
+{
+	return msecs_to_jiffies(delay);
+}
+
+static void run_work(struct work_struct *kernel_work)
+{
+	struct delayed_work *delayed = container_of(kernel_work, struct delayed_work, work);
+	struct ka_delayed_work *work = KA_CONTAINER(delayed, struct ka_delayed_work, kernel);
+
+	work->function(work);
+}
+
+void ka_init_delayed_work(struct ka_delayed_work *work,
+			  void (*function)(struct ka_delayed_work *work))
+{
+	work->function = function;
+	INIT_DELAYED_WORK(KA_OBJECT(struct delayed_work, &work->kernel), run_work);
+}
+
+int ka_schedule_delayed_work(struct ka_delayed_work *work, unsigned long delay)
+{
+	return schedule_delayed_work(KA_OBJECT(struct delayed_work, &work->kernel),
+				     kernel_delay(delay));
+}
+
+int ka_queue_delayed_work(struct workqueue_struct *queue, struct ka_delayed_work *work,
+			  unsigned long delay)
+{
+	return queue_delayed_work(queue, KA_OBJECT(struct delayed_work, &work->kernel),
+				  kernel_delay(delay));
+}
+
+void ka_flush_delayed_work(struct ka_delayed_work *work)
+{
+	flush_delayed_work(KA_OBJECT(struct delayed_work, &work->kernel));
+}
+
+struct workqueue_struct *ka_create_singlethread_workqueue(const char *name)
+{
+	return create_singlethread_workqueue(name);
+}
+
+void ka_flush_workqueue(struct workqueue_struct *queue)
+{
+	flush_workqueue(queue);
+}
+
+void ka_destroy_workqueue(struct workqueue_struct *queue)
+{
+	destroy_workqueue(queue);
+}
