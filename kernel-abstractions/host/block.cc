@@ -235,18 +235,16 @@ Submitted Disk::submit(ka_bio &bio, int partition) const
 	bio.ended = false;
 	bio.error = 0;
 	if (!fits(bdev, bio)) {
-		bio.ended = true;
 		bio.error = -KA_EIO;
-		return {-KA_EIO, bio.ended, bio.error};
+		return {-KA_EIO, false, bio.error};
 	}
 	bio.sector += bdev.start.load(std::memory_order_relaxed);
 	auto *function = disk_->queue->make_request.load(std::memory_order_acquire);
 	int result = function(disk_->queue, &bio);
-	if (result && !bio.ended) {
-		bio.ended = true;
-		bio.error = result;
-	}
-	return {result, bio.ended, bio.error};
+	bool taken = bio.ended;
+	if (!taken)
+		bio.error = model::native_make_request(disk_->queue, &bio);
+	return {result, taken, bio.error};
 }
 
 Submitted Disk::write(ka_sector_t sector, uint64_t bytes, int partition) const

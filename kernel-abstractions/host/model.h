@@ -194,7 +194,7 @@ struct DiskSpec {
 /* What became of a bio. */
 struct Submitted {
 	int result; /* of the make-request function */
-	bool ended; /* completed; neither an end nor an error: the bio is lost */
+	bool taken; /* by that function; else the bio went to the disk itself afterwards */
 	int error;  /* with which it ended */
 };
 

@@ -68,16 +68,28 @@ TEST_F(VolumeManager, AddFailures)
 		std::vector<std::string> log;
 		bool registered;
 	} const cases[] = {
-		{"ka_open_by_devnum", 1, -6,
-		 {error_line("Unable to get the block device pointer to disk 8:0")}, false},
-		{"ka_vmalloc", 1, -12, {error_line("Unable to allocate memory for volume info")},
+		{"ka_open_by_devnum",
+		 1,
+		 -6,
+		 {error_line("Unable to get the block device pointer to disk 8:0")},
 		 false},
-		{"ka_kobject_add", 1, -22,
+		{"ka_vmalloc",
+		 1,
+		 -12,
+		 {error_line("Unable to allocate memory for volume info")},
+		 false},
+		{"ka_kobject_add",
+		 1,
+		 -22,
 		 {info_line("Adding volume 8:0"),
-		  error_line("Unable to add volinfo object to registy")}, false},
-		{"ka_open_by_devnum", 2, -6,
+		  error_line("Unable to add volinfo object to registy")},
+		 false},
+		{"ka_open_by_devnum",
+		 2,
+		 -6,
 		 {info_line("Adding volume 8:0"), error_line("Unable to patch volume sda"),
-		  error_line("Unable to patch the ioctl of the volume")}, true},
+		  error_line("Unable to patch the ioctl of the volume")},
+		 true},
 	};
 	Disk disk = plug();
 	for (auto &c : cases) {
@@ -264,8 +276,13 @@ TEST_F(Volume, BitmapBytes)
 		size_t count;
 		int64_t result;
 	} const cases[] = {
-		{0, 8, 8},        {0, 4096, size},    {16, 8, 8}, // from the first word all the same
-		{16, 4096, size - 16}, {size, 8, 0}, {size + 8, 8, 0}, {8, 0, 0},
+		{0, 8, 8},
+		{0, 4096, size},
+		{16, 8, 8}, // from the first word all the same
+		{16, 4096, size - 16},
+		{size, 8, 0},
+		{size + 8, 8, 0},
+		{8, 0, 0},
 	};
 	for (auto &c : cases) {
 		std::vector<char> buffer(4096, '\x55');
@@ -303,46 +320,54 @@ TEST_F(Volume, InterruptedOperations)
 		int64_t (*operation)(volume_info *);
 		int64_t result;
 	} const cases[] = {
-		{"start", [](volume_info *v) -> int64_t {
+		{"start",
+		 [](volume_info *v) -> int64_t {
 			 return volume_manager_start_tracking(v, nullptr);
-		 }, -4},
-		{"stop", [](volume_info *v) -> int64_t {
-			 return volume_manager_stop_tracking(v, nullptr);
-		 }, -4},
-		{"level", [](volume_info *v) -> int64_t {
-			 return volume_manager_backup_level(v);
-		 }, -4},
-		{"uuid", [](volume_info *v) -> int64_t {
+		 },
+		 -4},
+		{"stop",
+		 [](volume_info *v) -> int64_t { return volume_manager_stop_tracking(v, nullptr); },
+		 -4},
+		{"level", [](volume_info *v) -> int64_t { return volume_manager_backup_level(v); },
+		 -4},
+		{"uuid",
+		 [](volume_info *v) -> int64_t {
 			 unsigned char uuid[16];
 			 return volume_manager_volume_uuid(v, uuid);
-		 }, -4},
-		{"get data", [](volume_info *v) -> int64_t {
+		 },
+		 -4},
+		{"get data",
+		 [](volume_info *v) -> int64_t {
 			 WI_DATA data;
 			 return volume_manager_get_data(v, &data);
-		 }, -4},
+		 },
+		 -4},
 		// Nothing is stored, and nothing said.
-		{"set data", [](volume_info *v) -> int64_t {
+		{"set data",
+		 [](volume_info *v) -> int64_t {
 			 WI_DATA data{.bRequest = 0, .savetime = 99};
 			 return volume_manager_set_data(v, &data);
-		 }, 0},
+		 },
+		 0},
 		{"size", volume_manager_get_bitmap_size, -4},
-		{"bitmap", [](volume_info *v) -> int64_t {
+		{"bitmap",
+		 [](volume_info *v) -> int64_t {
 			 char bytes[8];
 			 return volume_manager_get_bitmap(v, bytes, 0, 8);
-		 }, -4},
-		{"extents", [](volume_info *v) -> int64_t {
+		 },
+		 -4},
+		{"extents",
+		 [](volume_info *v) -> int64_t {
 			 ExtentArray extents(1);
 			 return volume_manager_get_extents(v, 0, extents.get());
-		 }, -4},
-		{"clear", [](volume_info *v) -> int64_t {
-			 return volume_manager_clear_bitmap(v);
-		 }, -4},
-		{"switch", [](volume_info *v) -> int64_t {
-			 return volume_manager_switch_bitmap(v);
-		 }, -4},
-		{"count", [](volume_info *v) -> int64_t {
-			 return volume_manager_getswitchcount(v);
-		 }, -4},
+		 },
+		 -4},
+		{"clear", [](volume_info *v) -> int64_t { return volume_manager_clear_bitmap(v); },
+		 -4},
+		{"switch",
+		 [](volume_info *v) -> int64_t { return volume_manager_switch_bitmap(v); }, -4},
+		{"count",
+		 [](volume_info *v) -> int64_t { return volume_manager_getswitchcount(v); }, -4},
 	};
 	for (auto &c : cases) {
 		model::fail("ka_mutex_lock_interruptible");
@@ -391,15 +416,28 @@ TEST_F(Volume, ChangeOfTheExtentEndsTracking)
 	EXPECT_EQ(volume->vi_end.get(), 70'000u);
 }
 
-// A write is checked against the volume's present end, not against its bitmap.
-TEST_F(Volume, GrowthThatCouldNotEndTrackingCorruptsNothing)
+// Writes are checked against the volume's present end, which its bitmap may be too small for; and
+// bitmaps of any two sizes are merged.
+TEST_F(Volume, ResizeThatCouldNotEndTracking)
 {
 	track();
+	ASSERT_EQ(volume_manager_switch_bitmap(volume.get()), 0);
 	disk.resize(0, 1 << 24);
 	model::fail("ka_open_by_devnum", 2);
 	EXPECT_EQ(volume_change(disk.dev()), -6);
 	EXPECT_EQ(disk.write((1 << 24) - 2048, 1 << 20).result, 0);
 	EXPECT_THAT(written_blocks(volume->vi_bitmap.get()), IsEmpty());
+	const uint64_t spare = volume->vi_bitmap.get()->size * 8;
+	write_blocks(spare - 2, 1000);
+	EXPECT_EQ(written_blocks(volume->vi_bitmap.get()), blocks(spare - 2, spare - 1));
+
+	disk.resize(0, 8192);
+	model::fail("ka_open_by_devnum", 2);
+	EXPECT_EQ(volume_change(disk.dev()), -6);
+	write_blocks(3, 1);
+	ASSERT_EQ(volume_manager_switch_bitmap(volume.get()), 0);
+	ASSERT_EQ(volume_manager_switch_bitmap(volume.get()), 0);
+	EXPECT_EQ(written_blocks(volume->vi_bitmap_snapshot), blocks(3, 5));
 }
 
 // Major 199 grows without telling: start and level look for themselves.
@@ -433,9 +471,8 @@ TEST_F(Volume, RemoveLeavesTheQueueAlone)
 	track();
 	write_blocks(0, 1);
 	EXPECT_EQ(volume_remove(disk.dev()), 0);
-	EXPECT_THAT(model::log(),
-		    ElementsAre(info_line("Tracking for volume sda being stopped"),
-				info_line("removed volume 8:0")));
+	EXPECT_THAT(model::log(), ElementsAre(info_line("Tracking for volume sda being stopped"),
+					      info_line("removed volume 8:0")));
 	EXPECT_FALSE(volume_of(disk));
 	EXPECT_FALSE(model::sysfs_exists(directory));
 	EXPECT_EQ(ka_queue_make_request(disk.queue()), &writetracker_mrqfn);

@@ -52,7 +52,8 @@ protected:
 	static void plug_all(const std::vector<ka_dev_t> &devices)
 	{
 		for (ka_dev_t dev : devices)
-			model::add_disk({.name = "d", .major = ka_major(dev), .minor = ka_minor(dev)});
+			model::add_disk(
+				{.name = "d", .major = ka_major(dev), .minor = ka_minor(dev)});
 	}
 	static std::vector<ka_dev_t> visited()
 	{

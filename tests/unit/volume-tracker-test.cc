@@ -72,7 +72,7 @@ TEST_F(VolumeTracker, BlocksThatAWriteMarks)
 		ka_bio bio = c.bio;
 		auto submitted = disk.submit(bio);
 		EXPECT_EQ(submitted.result, 0);
-		EXPECT_TRUE(submitted.ended);
+		EXPECT_TRUE(submitted.taken);
 		EXPECT_EQ(submitted.error, 0);
 		EXPECT_EQ(written_blocks(live()), blocks(c.first, c.last));
 	}
@@ -118,14 +118,19 @@ TEST_F(VolumeTracker, WritesUpToTheEndAndBeyond)
 TEST_F(VolumeTracker, ErrorOfTheLowerDriver)
 {
 	disk.lower_driver([](ka_bio &) { return -KA_EIO; });
-	auto submitted = disk.write(0, 4096);
-	EXPECT_EQ(submitted.result, -5);
-	EXPECT_EQ(submitted.error, -5);
-	EXPECT_THAT(written_blocks(live()), IsEmpty());
-	EXPECT_THAT(model::log(),
-		    testing::IsSupersetOf(
-			    {warn_line("Error(-5) performing IO on device [8:0]."),
-			     warn_line("Error(-5) tracking  device [8:0]. Stopping volume tracking")}));
+	{
+		MutexLock no_offline_yet(volume->vi_mtx);
+		auto submitted = disk.write(0, 4096);
+		EXPECT_EQ(submitted.result, -5);
+		EXPECT_FALSE(submitted.taken);
+		EXPECT_EQ(submitted.error, -5);
+		EXPECT_THAT(written_blocks(live()), IsEmpty());
+	}
+	EXPECT_THAT(
+		model::log(),
+		testing::IsSupersetOf(
+			{warn_line("Error(-5) performing IO on device [8:0]."),
+			 warn_line("Error(-5) tracking  device [8:0]. Stopping volume tracking")}));
 	model::settle();
 	EXPECT_EQ(volume->vi_istracked, 0);
 	EXPECT_EQ(model::take_stray_unlocks(), 1);
@@ -176,9 +181,9 @@ TEST_F(VolumeTracker, BitmapSizes)
 		ka_sector_t start, end;
 		int64_t size;
 	} const cases[] = {
-		{0, 0, 8},         {0, 1, 8},        {0, 8191, 8},    {0, 8192, 16},
-		{0, 16383, 16},    {100, 8291, 8},   {100, 8292, 16}, {0, 1 << 20, 1032},
-		{0, 1ul << 31, (1 << 21) + 8},
+		{0, 0, 8},       {0, 1, 8},          {0, 8191, 8},
+		{0, 8192, 16},   {0, 16383, 16},     {100, 8291, 8},
+		{100, 8292, 16}, {0, 1 << 20, 1032}, {0, 1ul << 31, (1 << 21) + 8},
 	};
 	ASSERT_EQ(stop(), 0);
 	for (auto &c : cases) {
@@ -330,10 +335,10 @@ TEST_F(VolumeTracker, AHookThatStayedInTheQueueIsUsedAgain)
 {
 	ASSERT_EQ(stop(false), 0);
 	EXPECT_EQ(ka_queue_make_request(disk.queue()), &writetracker_mrqfn);
-	// The function that it forwarded to is forgotten: bios go nowhere, as before a removal.
+	// The function that it forwarded to is forgotten: it takes no bio any more.
 	auto submitted = disk.write(0, 512);
 	EXPECT_EQ(submitted.result, 0);
-	EXPECT_FALSE(submitted.ended);
+	EXPECT_FALSE(submitted.taken);
 
 	EXPECT_EQ(locked(volume_info_start_tracking), 0);
 	EXPECT_EQ(volume->vi_mrqfn_old.get(), nullptr);
@@ -346,8 +351,8 @@ TEST_F(VolumeTracker, AHookThatStayedInTheQueueIsUsedAgain)
 
 TEST_F(VolumeTracker, ManagementWithoutTheMutexIsABug)
 {
-	for (auto *operation : {volume_info_start_tracking, volume_info_allocate_bitmap,
-				volume_info_switch_bitmap})
+	for (auto *operation :
+	     {volume_info_start_tracking, volume_info_allocate_bitmap, volume_info_switch_bitmap})
 		EXPECT_THROW(operation(volume.get()), model::Bug);
 	EXPECT_THROW(volume_info_stop_tracking(volume.get(), true), model::Bug);
 }
@@ -363,7 +368,7 @@ TEST_F(VolumeTracker, StopWaitsForHookCallsInProgress)
 		bio.ended = true;
 		return 0;
 	});
-	std::thread writer([&] { EXPECT_TRUE(disk.write(0, 4096).ended); });
+	std::thread writer([&] { EXPECT_TRUE(disk.write(0, 4096).taken); });
 	inside.wait();
 	std::atomic<bool> stopped{false};
 	std::thread stopper([&] {
@@ -407,7 +412,7 @@ public:
 			all.push_back(block);
 		return all;
 	}
-	std::atomic<uint64_t> ended{0}, lost{0};
+	std::atomic<uint64_t> taken{0}, left{0};
 
 private:
 	void run(int which)
@@ -421,7 +426,9 @@ private:
 	void write(ka_sector_t sector, uint64_t bytes)
 	{
 		auto submitted = disk.write(sector, bytes);
-		(submitted.ended && submitted.error == 0 ? ended : lost)++;
+		EXPECT_EQ(submitted.result, 0);
+		EXPECT_EQ(submitted.error, 0);
+		(submitted.taken ? taken : left)++;
 	}
 
 	const Disk &disk;
@@ -435,8 +442,8 @@ TEST_F(VolumeTracker, TwoWritersAndSwitches)
 	for (int i = 0; i < 50; i++)
 		EXPECT_EQ(volume_manager_switch_bitmap(volume.get()), 0);
 	writers.join();
-	EXPECT_EQ(writers.lost, 0u);
-	EXPECT_EQ(writers.ended, disk.native_bios());
+	EXPECT_EQ(writers.left, 0u);
+	EXPECT_EQ(writers.taken, disk.native_bios());
 	EXPECT_EQ(volume_manager_switch_bitmap(volume.get()), 0);
 	EXPECT_THAT(written_blocks(volume->vi_bitmap_snapshot),
 		    testing::IsSupersetOf(Writers::written()));
@@ -455,7 +462,7 @@ TEST_F(VolumeTracker, TwoWritersAndRestarts)
 		EXPECT_GE(volume_manager_get_extents(volume.get(), 0, extents.get()), 0);
 	}
 	writers.join();
-	EXPECT_EQ(writers.ended, disk.native_bios());
+	EXPECT_EQ(writers.taken + writers.left, disk.native_bios());
 }
 
 // --- Extents -----------------------------------------------------------------------------------
@@ -532,7 +539,7 @@ TEST(ExtentsOfABitmap, Cases)
 		{{{0, 1}, {4, 4}}, 0, 1, {{0, 256}}},
 		{{{0, 1}, {4, 4}}, 0, 2, {{0, 256}, {512, 128}}},
 		{{{0, 1}, {4, 4}}, 257, 2, {{512, 128}}},
-		{{{60, 70}}, 0, 9, {{60 * 128, 11 * 128}}},  // across words
+		{{{60, 70}}, 0, 9, {{60 * 128, 11 * 128}}},           // across words
 		{{{63, 63}}, 63 * 128 + 1, 9, {{63 * 128 + 1, 127}}}, // up to a word's end
 		{{{10, 200}}, 64 * 128, 9, {{64 * 128, 137 * 128}}},
 		{{{64, 127}}, 0, 9, {{8192, 8192}}},

@@ -11,7 +11,9 @@ namespace
 class WriteTracker : public Driver
 {
 protected:
-	void SetUp() override {} // each test loads by itself
+	void SetUp() override
+	{
+	} // each test loads by itself
 	static void wait_for_line(const std::string &text)
 	{
 		while (model::logged(text) == 0)
@@ -29,25 +31,24 @@ TEST_F(WriteTracker, LoadsAndUnloads)
 
 	auto &version = wt_context.driver_version;
 	std::string text = version.wtv_str;
-	std::string numbers = std::to_string(version.wtv_major) + "." +
-			      std::to_string(version.wtv_minor) + "." +
-			      std::to_string(version.wtv_maintenance) + "-" +
-			      std::to_string(version.wtv_build);
+	std::string numbers =
+		std::to_string(version.wtv_major) + "." + std::to_string(version.wtv_minor) + "." +
+		std::to_string(version.wtv_maintenance) + "-" + std::to_string(version.wtv_build);
 	EXPECT_THAT(text, testing::MatchesRegex("Version:" + numbers +
 						"-Release Build-Date:\".+\" Build-Info:\".+\""));
 	EXPECT_EQ(version.wtv_is_debug, 0);
 	EXPECT_THAT(model::log(),
 		    ElementsAre(info_line("Driver Version " + numbers + " Initializing"),
-				info_line("Version String: " + text), info_line("Udev Patch Complete"),
+				info_line("Version String: " + text),
+				info_line("Udev Patch Complete"),
 				info_line("Initializing the Volume IOCTL Subsystem"),
 				info_line("Initialization Complete")));
 	model::clear_log();
 	cleanup_module();
-	EXPECT_THAT(model::log(),
-		    ElementsAre(info_line("Unloading"),
-				info_line("Cleaning up the Volume IOCTL Subsystem"),
-				info_line("Udev Un-Patch Complete"),
-				info_line("Un-initilization Complete")));
+	EXPECT_THAT(model::log(), ElementsAre(info_line("Unloading"),
+					      info_line("Cleaning up the Volume IOCTL Subsystem"),
+					      info_line("Udev Un-Patch Complete"),
+					      info_line("Un-initilization Complete")));
 	EXPECT_THAT(model::sysfs_list("/sys"), IsEmpty());
 	EXPECT_EQ(wt_context.is_initialized, 0);
 }
@@ -62,7 +63,9 @@ TEST_F(WriteTracker, RefusesToLoad)
 	} const cases[] = {
 		{9, nullptr, -22, {"<3>[zorvat]Invalid Log Verbosity 9"}},
 		{2, "ka_init", -2, {}},
-		{2, "ka_kobject_add", -12,
+		{2,
+		 "ka_kobject_add",
+		 -12,
 		 {warn_line("Error adding writetracker to the sysfs.(-12)"),
 		  error_line("Error initializing module state (-12)")}},
 	};
@@ -106,8 +109,7 @@ TEST_F(WriteTracker, FailedStagesAreUndoneAndRetried)
 		 "Unable to lookup root path(-2)"},
 		{"ka_misc_register", 1, "Unable to initialize control device (-16)",
 		 "misc_register failed for control device (-16)"},
-		{"ka_genl_register_family_with_ops", 1,
-		 "Unable to initialize control device (-17)",
+		{"ka_genl_register_family_with_ops", 1, "Unable to initialize control device (-17)",
 		 "genl_register_family failed for control device (-17)"},
 	};
 	for (auto &c : cases) {

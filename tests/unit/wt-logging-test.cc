@@ -53,10 +53,10 @@ TEST_F(WtLogging, SettingOneGroup)
 		int result;
 		int index; // of the group set
 	} const cases[] = {
-		{"wt-logging", 1, 0, 0},      {"volume-manager", 8, 0, 5},
-		{"control-device", 0, 0, 12}, {"kernel-abstractions", 2, 0, 21},
-		{"testcode", 4, 0, 64},       {"", 7, 0, 11}, // the first free slot
-		{"volume-manager", 9, -22, 5}, {"volume", 3, -2, -1},
+		{"wt-logging", 1, 0, 0},        {"volume-manager", 8, 0, 5},
+		{"control-device", 0, 0, 12},   {"kernel-abstractions", 2, 0, 21},
+		{"testcode", 4, 0, 64},         {"", 7, 0, 11}, // the first free slot
+		{"volume-manager", 9, -22, 5},  {"volume", 3, -2, -1},
 		{"volume-manager2", 3, -2, -1},
 	};
 	for (auto &c : cases) {
