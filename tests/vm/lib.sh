@@ -33,15 +33,186 @@ announce_log() { # REGEX: kernel messages that this case brings about on purpose
 }
 
 eventually() { # SECONDS COMMAND...: waits until the command succeeds
+	set +x
 	local tries=$(($1 * 20))
 	shift
-	while ! "$@"; do
+	until "$@" >/dev/null 2>&1; do
 		tries=$((tries - 1))
-		[ $tries -gt 0 ] || return 1
+		[ $tries -gt 0 ] || { set -x; return 1; }
 		usleep 50000
 	done
+	set -x
 }
 
 fails() { # COMMAND...: must not succeed
 	! "$@"
+}
+
+logged() { # TEXT: the kernel's log has this since the case began
+	dmesg | grep -F "$*"
+}
+
+# --- The driver
+
+load() { # [PARAMETER=VALUE...]: returns when start-up is complete
+	insmod /zorvat.ko "$@"
+	eventually 10 test -c /dev/zorvat-control
+}
+
+unload() {
+	rmmod zorvat
+	[ ! -e /sys/zorvat ]
+	[ ! -e /dev/zorvat-control ]
+}
+
+device_of() { # DISK: its MAJOR:MINOR
+	printf '%d:%d' $(stat -L -c '0x%t 0x%T' "$1")
+}
+
+sysfs_of() { # DISK or partition
+	echo "/sys/dev/block/$(device_of "$1")"
+}
+
+sectors_of() { # DISK or partition
+	cat "$(sysfs_of "$1")/size"
+}
+
+is_known() { # DISK
+	[ -d "/sys/zorvat/$(device_of "$1")" ]
+}
+
+# A disk is known about a second after it appears, and its size some events later.
+is_known_as_it_is() { # DISK
+	is_known "$1" && zorvatctl level "$1" | grep -qx "sectors $(sectors_of "$1")"
+}
+
+is_tracked() { # DISK
+	zorvatctl level "$1" | grep -qx "level 1"
+}
+
+start_tracking() { # DISK: until the case ends
+	eventually 10 is_known_as_it_is "$1"
+	zorvatctl start "$1"
+	is_tracked "$1"
+	defer "stop_tracking $1"
+}
+
+stop_tracking() { # DISK, which the case may have removed
+	[ ! -b "$1" ] || zorvatctl stop "$1"
+}
+
+# --- Disks. Each sets $disk and lasts until the case ends.
+
+use_disk() { # KIND
+	"use_$1"
+}
+
+use_virtio() {
+	disk=/dev/vdb
+}
+
+use_null_blk() { # [MEBIBYTES]
+	modprobe -q null_blk nr_devices=0 || skip "no null_blk"
+	defer rmmod null_blk
+	grep -q ' /sys/kernel/config ' /proc/mounts || mount -t configfs configfs /sys/kernel/config
+	local nullb=/sys/kernel/config/nullb/nullb0
+	mkdir $nullb
+	defer rmdir $nullb
+	echo "${1:-32}" >$nullb/size
+	echo 1 >$nullb/memory_backed
+	echo 1 >$nullb/discard
+	echo 1 >$nullb/power
+	disk=/dev/nullb0
+}
+
+use_brd() {
+	modprobe -q brd rd_nr=1 rd_size=32768 && defer rmmod brd
+	[ -b /dev/ram0 ] || skip "no brd"
+	disk=/dev/ram0
+}
+
+use_scsi_debug() { # [PARAMETER=VALUE...]
+	modprobe -q sd_mod || true
+	modprobe -q scsi_debug dev_size_mb=32 delay=0 lbpu=1 lbpws=1 "$@" || skip "no scsi_debug"
+	defer rmmod scsi_debug
+	scsi_disk=/sys/bus/pseudo/drivers/scsi_debug/adapter0/host*/target*/*:0
+	eventually 10 ls -d $scsi_disk/block/sd*
+	disk=/dev/$(basename $scsi_disk/block/sd*)
+}
+
+use_scsi_debug_4k() {
+	use_scsi_debug sector_size=4096
+}
+
+use_loop() { # [BYTES]
+	modprobe -q loop || true
+	truncate -s "${1:-32M}" /tmp/loop-image
+	defer rm /tmp/loop-image
+	disk=$(losetup -f) || skip "no loop"
+	losetup -P "$disk" /tmp/loop-image || losetup "$disk" /tmp/loop-image
+	defer losetup -d "$disk"
+}
+
+# dm-log-writes over the second disk, with its log on the third.
+use_logged() {
+	modprobe -q dm-log-writes
+	dmsetup targets | grep -q log-writes || skip "no dm-log-writes"
+	dmsetup create logged --table "0 $(sectors_of /dev/vdb) log-writes /dev/vdb /dev/vdc"
+	disk=/dev/mapper/logged
+	defer '[ ! -b /dev/mapper/logged ] || dmsetup remove logged'
+}
+
+# Two partitions, the first not at a multiple of the tracked blocks.
+make_partitions() { # on $disk
+	local sector=$(blockdev --getss "$disk")
+	local scale=$((sector / 512))
+	printf '%s\n' o n p 1 $((2111 / scale)) $((20000 / scale)) n p 2 $((20008 / scale)) \
+		$((60000 / scale)) w | fdisk -u -b "$sector" "$disk" >/dev/null
+	case $disk in
+	*[0-9]) partition=${disk}p ;;
+	*) partition=$disk ;;
+	esac
+	eventually 5 test -b "${partition}2"
+	defer remove_partitions
+}
+
+remove_partitions() {
+	dd if=/dev/zero of="$disk" bs=4k count=1 conv=fsync 2>/dev/null
+	blockdev --rereadpt "$disk"
+}
+
+# --- Work
+
+# Random writes of all sizes to $disk, as far as the options do not say otherwise.
+fio_on_disk() { # [OPTION...]
+	local sizes=512/25:3k/15:4k/20:64k/15:68k/10:132k/11:4m/4
+	[ "$(blockdev --getss "$disk")" = 512 ] || sizes=4k/60:64k/15:68k/10:132k/11:4m/4
+	fio --name=work --filename="$disk" --thread --rw=randwrite --norandommap --ioengine=psync \
+		--bssplit=$sizes --number_ios=60 --refill_buffers --randrepeat=0 --end_fsync=1 \
+		--output=/tmp/fio.log "$@"
+}
+
+run_fio() { # [OPTION...]
+	fio_on_disk "$@" || { cat /tmp/fio.log; return 1; }
+}
+
+keep_writing() { # [OPTION...]: in the background until stop_writing
+	fio_on_disk --direct=1 --numjobs=2 --time_based --runtime=1h --number_ios=1000000000 \
+		--end_fsync=0 "$@" &
+	defer stop_writing
+}
+
+is_writing() {
+	pidof fio >/dev/null
+}
+
+stop_writing() {
+	killall -q fio
+	wait
+}
+
+report_changes() { # DISK: leaves the report in /tmp/extents
+	sync
+	blockdev --flushbufs "$1"
+	zorvatctl extents "$1" >/tmp/extents
 }

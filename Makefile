@@ -1,0 +1,50 @@
+# SPDX-License-Identifier: GPL-2.0
+# The front door. Every target first installs what it needs of debian-packages.txt.
+#
+#   make [module] [KDIR=DIR]  zorvat.ko for the kernel whose build directory is DIR
+#   make userspace            libzorvat and zorvatctl, in build/plain
+#   make test                 all checks; closes with "N passed, N failed"
+#   make demo                 an incremental backup before your eyes, in a virtual machine
+#   make bench                what tracking costs
+#   make lint                 formatting and clang-tidy
+#   make clean
+
+# Expanded when used: the packages that bring the kernel may have been installed just before.
+stock_kernel = $(lastword $(shell ls -dv /lib/modules/*-cloud-amd64/build 2>/dev/null))
+KDIR = $(or $(stock_kernel),/lib/modules/$(shell uname -r)/build)
+
+SANITIZE_asan := address,undefined
+SANITIZE_tsan := thread
+
+.PHONY: all module userspace test demo bench lint clean packages
+all: module userspace
+
+packages:
+	@scripts/install-packages
+
+module: packages
+	@$(MAKE) --no-print-directory -C $(KDIR) M=$(CURDIR) modules
+
+# build/plain, build/asan, build/tsan
+build-%: packages
+	@cmake -S . -B build/$* -DSANITIZE=$(SANITIZE_$*) >/dev/null
+	@cmake --build build/$* --parallel $(shell nproc)
+
+userspace: build-plain
+
+lint: build-plain
+	@scripts/lint format tidy
+
+test: module build-plain build-asan build-tsan
+	@scripts/test
+
+demo: module build-plain
+	@vm/demo
+
+bench: module build-plain
+	@for benchmark in build/plain/bench/bench-*; do $$benchmark || exit; done
+	@vm/run fio
+
+clean:
+	@[ ! -d $(KDIR) ] || $(MAKE) --no-print-directory -C $(KDIR) M=$(CURDIR) clean
+	rm -rf build
