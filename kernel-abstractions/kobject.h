@@ -29,7 +29,7 @@ struct ka_kobj_type {
 void ka_kobject_init(struct ka_kobject *kobj, struct ka_kobj_type *type);
 /*
  * Makes the object a directory of that name below parent (null: below /sys). The object keeps a
- * reference on its parent until it is released. On failure the caller still drops its reference.
+ * reference on its parent while it is one. On failure the caller still drops its reference.
  */
 int ka_kobject_add(struct ka_kobject *kobj, struct ka_kobject *parent, const char *name);
 /* Removes the directory; waits for running reads and writes of its files. */

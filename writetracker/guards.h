@@ -4,6 +4,7 @@
 #define WT_GUARDS_H
 
 #include "../kernel-abstractions/block.h"
+#include "../kernel-abstractions/memory.h"
 #include "../kernel-abstractions/sync.h"
 
 template <typename T, void (*Lock)(T *), void (*Unlock)(T *)> class ScopedLock

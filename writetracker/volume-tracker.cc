@@ -45,9 +45,22 @@ static void clear_whole_word(uint64_t *word)
 	}
 }
 
-// Marks the blocks first to last, both inclusive, as written.
+// The words that a bitmap has in memory: the hook marks up to two blocks more than a write covers,
+// and on a volume whose last blocks fill the last word these lie in a word that is not part of it.
+static uint64_t words_in_memory(uint64_t size)
+{
+	return size / sizeof(uint64_t) + 1;
+}
+
+// Marks the blocks first to last, both inclusive, as written. Those beyond the bitmap's memory are
+// dropped: a volume that changed its extent but could not be made to stop tracking outgrows it.
 static void mark_blocks_written(hbitmap *bitmap, uint64_t first, uint64_t last)
 {
+	const uint64_t end = words_in_memory(bitmap->size) * WT_WORD_BLOCKS;
+	if (first >= end)
+		return;
+	if (last >= end)
+		last = end - 1;
 	const uint64_t first_word = first / WT_WORD_BLOCKS;
 	const uint64_t last_word = last / WT_WORD_BLOCKS;
 	const uint64_t from_first = ALL_ONES >> (first % WT_WORD_BLOCKS);
@@ -134,9 +147,7 @@ int volume_info_allocate_bitmap(volume_info *volume)
 	// One byte per 1024 sectors in whole words, and a word for the blocks beyond the last.
 	const uint64_t sectors = volume->vi_end.get() - volume->vi_start.get();
 	const uint64_t size = ((sectors >> 10) & ~uint64_t(7)) + 8;
-	// The hook marks up to two blocks more than a write covers. On a volume whose last blocks
-	// fill the last word these lie in a word that is not part of the bitmap.
-	const uint64_t allocated = size + sizeof(uint64_t);
+	const uint64_t allocated = words_in_memory(size) * sizeof(uint64_t);
 
 	auto *bitmap = static_cast<hbitmap *>(ka_vmalloc(sizeof(hbitmap) + allocated));
 	if (!bitmap) {
@@ -169,7 +180,8 @@ int volume_info_switch_bitmap(volume_info *volume)
 	}
 	// 0 means written, so AND is the union of what was written. After a change of size the
 	// newer bitmap is the one to keep.
-	const int64_t words = snapshot->size / static_cast<int64_t>(sizeof(uint64_t));
+	const int64_t size = snapshot->size < old->size ? snapshot->size : old->size;
+	const int64_t words = size / static_cast<int64_t>(sizeof(uint64_t));
 	hbitmap *kept = snapshot->size == old->size ? snapshot : old;
 	hbitmap *discarded = kept == snapshot ? old : snapshot;
 	for (int64_t i = words; i-- > 0;)
@@ -265,9 +277,11 @@ int volume_info_stop_tracking(volume_info *volume, bool unpatch_mrfqn)
 	while (volume->vi_reqcount.get() != 0)
 		ka_schedule();
 
-	ka_vfree(volume->vi_bitmap.get());
+	hbitmap *bitmap = volume->vi_bitmap.get();
 	volume->vi_mrqfn_old.set(nullptr);
 	volume->vi_bitmap.set(nullptr);
+	ka_synchronize_sched(); // a hook call that was not counted yet may have seen the bitmap
+	ka_vfree(bitmap);
 	ka_vfree(volume->vi_bitmap_snapshot);
 	volume->vi_bitmap_snapshot = nullptr;
 	volume->vi_istracked = 0;
