@@ -136,9 +136,10 @@ void report_memory(Report &report)
 	auto &m = state();
 	std::lock_guard guard(m.lock);
 	for (auto &[address, size] : m.allocations) {
-		bool forgiven = std::ranges::any_of(m.forgiven, [&](const void *inside) {
-			return number(inside) - address < size;
-		});
+		bool forgiven = std::ranges::any_of(
+			m.forgiven, [start = address, length = size](const void *inside) {
+				return number(inside) - start < length;
+			});
 		if (!forgiven)
 			report.push_back(printed("memory: %zu bytes", size));
 	}
