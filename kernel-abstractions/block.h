@@ -115,9 +115,13 @@ ka_disk_cmpxchg_fops(struct gendisk *disk, const struct ka_block_device_operatio
 void ka_fops_copy_with_ioctls(struct ka_block_device_operations *to,
 			      const struct ka_block_device_operations *from,
 			      ka_bdev_ioctl_fn *const entries[KA_IOCTL_ENTRIES]);
-/* The table's ioctl entry; null when it has none. */
-ka_bdev_ioctl_fn *ka_fops_ioctl(const struct ka_block_device_operations *fops,
-				enum ka_ioctl_entry entry);
+/*
+ * Calls the table's ioctl entry; -ENOIOCTLCMD when it has none. A kernel that falls back on another
+ * entry where one is missing falls back here too. Process context.
+ */
+int ka_fops_call_ioctl(const struct ka_block_device_operations *fops, enum ka_ioctl_entry entry,
+		       struct block_device *bdev, unsigned int mode, unsigned int cmd,
+		       unsigned long arg);
 
 /* --- Disks of one's own ------------------------------------------------------------------- */
 

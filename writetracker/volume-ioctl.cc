@@ -445,9 +445,9 @@ static int filter_ioctl(enum ka_ioctl_entry entry, block_device *bdev, unsigned 
 	const unsigned int index = WT_IOCTL_INDEX_OF(cmd);
 	if (WT_IOCTL_TYPE_OF(cmd) != WT_IOCTL_TYPE || index >= WT_MAX_VOLUME_IOCTL_INDEX) {
 		const ka_block_device_operations *saved = volume->vi_blockfops_old.get();
-		ka_bdev_ioctl_fn *original = saved ? ka_fops_ioctl(saved, entry) : nullptr;
 		volume.reset(nullptr);
-		return original ? original(bdev, mode, cmd, arg) : -KA_ENOIOCTLCMD;
+		return saved ? ka_fops_call_ioctl(saved, entry, bdev, mode, cmd, arg)
+			     : -KA_ENOIOCTLCMD;
 	}
 	if (!ka_capable_sys_admin()) {
 		volume.release(); // deliberate: this reference is kept for good

@@ -537,9 +537,11 @@ void ka_fops_copy_with_ioctls(ka_block_device_operations *to,
 	std::copy_n(entries, KA_IOCTL_ENTRIES, fops->entries);
 }
 
-ka_bdev_ioctl_fn *ka_fops_ioctl(const ka_block_device_operations *fops, ka_ioctl_entry entry)
+int ka_fops_call_ioctl(const ka_block_device_operations *fops, ka_ioctl_entry entry,
+		       block_device *bdev, unsigned int mode, unsigned int cmd, unsigned long arg)
 {
-	return in<Fops>(fops).entries[entry];
+	ka_bdev_ioctl_fn *function = in<Fops>(fops).entries[entry];
+	return function ? function(bdev, mode, cmd, arg) : -KA_ENOIOCTLCMD;
 }
 
 request_queue *ka_blk_init_queue(ka_request_fn *function)

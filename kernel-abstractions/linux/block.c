@@ -67,11 +67,16 @@ void ka_fops_copy_with_ioctls(struct ka_block_device_operations *to,
 	}
 }
 
-ka_bdev_ioctl_fn *ka_fops_ioctl(const struct ka_block_device_operations *from,
-				enum ka_ioctl_entry entry)
+int ka_fops_call_ioctl(const struct ka_block_device_operations *from, enum ka_ioctl_entry entry,
+		       struct block_device *bdev, unsigned int mode, unsigned int cmd,
+		       unsigned long arg)
 {
-	ka_bdev_ioctl_fn **slot =
-		ioctl_slot((struct block_device_operations *)from->storage, entry);
+	struct block_device_operations *fops = (struct block_device_operations *)from->storage;
+	ka_bdev_ioctl_fn **slot = ioctl_slot(fops, entry);
 
-	return slot ? *slot : NULL;
+	if (slot && *slot)
+		return (*slot)(bdev, mode, cmd, arg);
+	if (entry == KA_IOCTL)
+		return kernel_call_locked_ioctl(fops, bdev, mode, cmd, arg);
+	return -ENOIOCTLCMD;
 }

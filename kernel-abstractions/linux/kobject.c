@@ -50,12 +50,14 @@ void ka_kobject_put(struct ka_kobject *kobj)
 
 /*
  * The file may be removed by somebody who holds a lock that this read waits for, so the removal
- * must not wait for the read. The reference keeps the object, and with it what the file reads.
+ * must not wait for the read. The references keep the object, and with it what the file reads, and
+ * its parent, the driver's context, which unloading waits for.
  */
 static ssize_t read_bin_file(struct file *file, struct kobject *kobj, struct bin_attribute *battr,
 			     char *buffer, loff_t offset, size_t count)
 {
 	struct ka_bin_attribute *attribute = KA_CONTAINER(battr, struct ka_bin_attribute, kernel);
+	struct kobject *parent = kobject_get(kobj->parent);
 	void *protection;
 	ssize_t result;
 
@@ -64,6 +66,7 @@ static ssize_t read_bin_file(struct file *file, struct kobject *kobj, struct bin
 	result = attribute->read(file, contract_kobject(kobj), attribute, buffer, offset, count);
 	kernel_sysfs_reprotect(protection);
 	kobject_put(kobj);
+	kobject_put(parent);
 	return result;
 }
 

@@ -7,6 +7,7 @@
 #include <linux/kernel.h>
 #include <linux/netlink.h>
 #include <linux/rcupdate.h>
+#include <linux/smp_lock.h>
 #include <linux/sysfs.h>
 #include <linux/uaccess.h>
 #include <linux/vmalloc.h>
@@ -73,6 +74,21 @@ static inline void kernel_netlink_ack(struct sk_buff *request, struct nlmsghdr *
 static inline void *kernel_locked_ioctl_slot(struct block_device_operations *fops)
 {
 	return &fops->locked_ioctl;
+}
+
+/* What the kernel does with a table that has no other ioctl entry, as those of most disks. */
+static inline int kernel_call_locked_ioctl(struct block_device_operations *fops,
+					   struct block_device *bdev, unsigned int mode,
+					   unsigned int cmd, unsigned long arg)
+{
+	int result;
+
+	if (!fops->locked_ioctl)
+		return -ENOIOCTLCMD;
+	lock_kernel();
+	result = fops->locked_ioctl(bdev, (__force fmode_t)mode, cmd, arg);
+	unlock_kernel();
+	return result;
 }
 
 #endif

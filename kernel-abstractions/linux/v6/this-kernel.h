@@ -71,4 +71,11 @@ static inline void *kernel_locked_ioctl_slot(struct block_device_operations *fop
 	return NULL;
 }
 
+static inline int kernel_call_locked_ioctl(struct block_device_operations *fops,
+					   struct block_device *bdev, unsigned int mode,
+					   unsigned int cmd, unsigned long arg)
+{
+	return -ENOIOCTLCMD;
+}
+
 #endif

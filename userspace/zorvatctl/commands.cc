@@ -1,0 +1,282 @@
+// SPDX-License-Identifier: GPL-2.0
+/* What each subcommand asks and prints. Text is small and made for pipes; lengths are sectors. */
+#include "commands.h"
+
+#include <cstdio>
+#include <fmt/format.h>
+#include <iterator>
+#include <nlohmann/json.hpp>
+
+using zorvat::Driver;
+using zorvat::Volume;
+using Json = nlohmann::ordered_json;
+
+namespace
+{
+
+constexpr uint64_t sector_bytes = 512;
+
+Driver open_driver(const Options &options)
+{
+	if (options.block_ioctl)
+		return Driver(zorvat::open_block_devices());
+	if (options.ioctl)
+		return Driver(zorvat::open_control_device());
+	return Driver(zorvat::open_netlink());
+}
+
+/* A driver and the volume that a subcommand is about. */
+struct Target {
+	explicit Target(const Options &options)
+	    : volume(zorvat::resolve_volume(options.volume)), driver(open_driver(options))
+	{
+	}
+
+	Volume volume;
+	Driver driver;
+};
+
+std::string dump(const Json &json)
+{
+	return json.dump(2) + "\n";
+}
+
+Json identity(const Volume &volume)
+{
+	return {{"name", volume.name.empty() ? Json() : Json(volume.name)},
+		{"device", volume.device.to_string()}};
+}
+
+/* A JSON object with the volume and what a command found out about it. */
+std::string about(const Volume &volume, const Json &facts)
+{
+	Json json = identity(volume);
+	json.update(facts);
+	return dump(json);
+}
+
+/* Commands that only do something are silent, except to programs. */
+std::string done(const Options &options, const Volume &volume, const Json &facts = Json::object())
+{
+	return options.json ? about(volume, facts) : "";
+}
+
+std::string version(const Options &options)
+{
+	std::optional<Volume> volume;
+	if (!options.volume.empty())
+		volume = zorvat::resolve_volume(options.volume);
+	auto version = open_driver(options).version(volume ? &*volume : nullptr);
+	if (!options.json)
+		return version.text + "\n";
+	return dump({{"version", version.text},
+		     {"major", version.major},
+		     {"minor", version.minor},
+		     {"maintenance", version.maintenance},
+		     {"build", version.build},
+		     {"debug", version.debug}});
+}
+
+const std::string &or_dash(const std::string &text)
+{
+	static const std::string dash = "-";
+	return text.empty() ? dash : text;
+}
+
+/*
+ * The list is worth printing without the driver's answers, too: they need a privilege, the list
+ * needs none.
+ */
+std::optional<bool> tracked_if_known(const Driver &driver, const Volume &volume)
+{
+	try {
+		return driver.backup_level(volume).tracked;
+	} catch (const zorvat::Error &error) {
+		if (error.code() != zorvat::Errc::not_permitted)
+			fmt::print(stderr, "zorvatctl: {}\n", error.what());
+		return std::nullopt;
+	}
+}
+
+std::string volumes(const Options &options)
+{
+	Json json = Json::array();
+	std::string text = fmt::format("{:<12} {:>9} {:>14} {:<7} {}\n", "NAME", "MAJ:MIN",
+				       "SECTORS", "TRACKED", "MAPPED-NAME");
+	auto volumes = zorvat::list_volumes();
+	Driver driver = open_driver(options);
+	for (const Volume &volume : volumes) {
+		auto tracked = tracked_if_known(driver, volume);
+		Json entry = identity(volume);
+		entry["mapped_name"] =
+			volume.mapped_name.empty() ? Json() : Json(volume.mapped_name);
+		entry["sectors"] = volume.sectors;
+		entry["tracked"] = tracked ? Json(*tracked) : Json();
+		json.push_back(entry);
+		text += fmt::format("{:<12} {:>9} {:>14} {:<7} {}\n", or_dash(volume.name),
+				    volume.device.to_string(), volume.sectors,
+				    tracked ? (*tracked ? "yes" : "no") : "-",
+				    or_dash(volume.mapped_name));
+	}
+	return options.json ? dump({{"volumes", json}}) : text;
+}
+
+std::string start(const Options &options)
+{
+	Target target(options);
+	uint64_t bytes = target.driver.start_tracking(target.volume);
+	return done(options, target.volume, {{"tracked", true}, {"bytes", bytes}});
+}
+
+std::string stop(const Options &options)
+{
+	Target target(options);
+	uint64_t bytes = target.driver.stop_tracking(target.volume);
+	return done(options, target.volume, {{"tracked", false}, {"bytes", bytes}});
+}
+
+std::string level(const Options &options)
+{
+	Target target(options);
+	auto level = target.driver.backup_level(target.volume);
+	if (options.json)
+		return about(target.volume,
+			     {{"tracked", level.tracked}, {"sectors", level.sectors}});
+	return fmt::format("level {:d}\nsectors {}\n", level.tracked, level.sectors);
+}
+
+struct Totals {
+	uint64_t changed = 0;  // sectors that the driver saw written
+	uint64_t possible = 0; // sectors that it cannot tell about
+
+	explicit Totals(const zorvat::ChangedExtents &changes)
+	{
+		for (const zorvat::Extent &extent : changes.extents)
+			(extent.possible ? possible : changed) += extent.length;
+	}
+};
+
+std::string extents_as_json(const Options &options, const Volume &volume,
+			    const zorvat::ChangedExtents &changes)
+{
+	Totals totals(changes);
+	Json facts = {{"sector_bytes", sector_bytes},
+		      {"sectors", changes.volume_sectors},
+		      {"changed_sectors", totals.changed},
+		      {"possible_sectors", totals.possible},
+		      {"extent_count", changes.extents.size()}};
+	if (options.sum)
+		return about(volume, facts);
+	Json &list = facts["extents"] = Json::array();
+	for (const zorvat::Extent &extent : changes.extents)
+		list.push_back({{"start", extent.start},
+				{"length", extent.length},
+				{"possible", extent.possible}});
+	return about(volume, facts);
+}
+
+std::string extents_as_text(const Options &options, const zorvat::ChangedExtents &changes)
+{
+	if (options.sum) {
+		Totals totals(changes);
+		return fmt::format("extents {}\nchanged {}\npossible {}\nvolume {}\n",
+				   changes.extents.size(), totals.changed, totals.possible,
+				   changes.volume_sectors);
+	}
+	std::string text;
+	for (const zorvat::Extent &extent : changes.extents)
+		fmt::format_to(std::back_inserter(text), "{} {}{}\n", extent.start, extent.length,
+			       extent.possible ? " possible" : "");
+	return text;
+}
+
+std::string extents(const Options &options)
+{
+	Target target(options);
+	auto changes = target.driver.changed_extents(target.volume, options.batch);
+	return options.json ? extents_as_json(options, target.volume, changes)
+			    : extents_as_text(options, changes);
+}
+
+std::string bitmap_size(const Options &options)
+{
+	Target target(options);
+	uint32_t bytes = target.driver.bitmap_size(target.volume);
+	return options.json ? about(target.volume, {{"bitmap_bytes", bytes}})
+			    : fmt::format("{}\n", bytes);
+}
+
+std::string granularity(const Options &options)
+{
+	Target target(options);
+	uint32_t sectors = target.driver.granularity(target.volume);
+	return options.json ? about(target.volume, {{"sectors_per_bit", sectors}})
+			    : fmt::format("{}\n", sectors);
+}
+
+std::string clear(const Options &options)
+{
+	Target target(options);
+	target.driver.clear_bitmap(target.volume);
+	return done(options, target.volume);
+}
+
+std::string switch_bitmap(const Options &options)
+{
+	Target target(options);
+	target.driver.switch_bitmap(target.volume);
+	return done(options, target.volume);
+}
+
+std::string uuid(const Options &options)
+{
+	Target target(options);
+	std::string text;
+	for (size_t i = 0; uint8_t byte : target.driver.uuid(target.volume)) {
+		bool group_begins = i == 4 || i == 6 || i == 8 || i == 10;
+		text += fmt::format("{}{:02x}", group_begins ? "-" : "", byte);
+		i++;
+	}
+	return options.json ? about(target.volume, {{"uuid", text}}) : text + "\n";
+}
+
+std::string save_time(const Options &options)
+{
+	Target target(options);
+	if (options.save_time) {
+		target.driver.set_save_time(target.volume, *options.save_time);
+		return done(options, target.volume, {{"save_time", *options.save_time}});
+	}
+	uint64_t time = target.driver.save_time(target.volume);
+	return options.json ? about(target.volume, {{"save_time", time}})
+			    : fmt::format("{}\n", time);
+}
+
+constexpr Subcommand table[] = {
+	{"version", "print the driver's version", Subcommand::optional, version},
+	{"volumes", "list the volumes that the driver knows", Subcommand::none, volumes},
+	{"start", "start tracking a volume", Subcommand::required, start},
+	{"stop", "stop tracking a volume and forget its changes", Subcommand::required, stop},
+	{"level", "print whether a volume is tracked (1 or 0), and its length",
+	 Subcommand::required, level},
+	{"extents", "print the changed extents: start and length in 512-byte sectors",
+	 Subcommand::required, extents},
+	{"bitmap-size", "print the size of a volume's bitmap in bytes", Subcommand::required,
+	 bitmap_size},
+	{"granularity", "print how many sectors one bit of the bitmap covers (netlink only)",
+	 Subcommand::required, granularity},
+	{"clear", "clear the frozen bitmap after its changes were backed up", Subcommand::required,
+	 clear},
+	{"switch", "freeze the changes so far and go on with a fresh bitmap", Subcommand::required,
+	 switch_bitmap},
+	{"uuid", "print a volume's identifier", Subcommand::required, uuid},
+	{"save-time", "print or set the time of a volume's last backup", Subcommand::required,
+	 save_time},
+};
+
+} // namespace
+
+std::span<const Subcommand> subcommands()
+{
+	return table;
+}

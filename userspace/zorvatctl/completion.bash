@@ -1,0 +1,41 @@
+# SPDX-License-Identifier: GPL-2.0
+# Bash completion for zorvatctl: subcommands, options, and the volumes that the driver knows.
+
+# Kernel names of the driver's volumes; those of all disks when it shows none.
+_zorvatctl_volumes()
+{
+	local dir name found=
+	for dir in /sys/zorvat/[0-9]*:[0-9]*; do
+		name=$(readlink "/sys/dev/block/${dir##*/}") || continue
+		echo "${name##*/}"
+		found=1
+	done
+	[[ $found ]] || ls /sys/block 2>/dev/null
+}
+
+_zorvatctl()
+{
+	local current=${COMP_WORDS[COMP_CWORD]} subcommand= volume= word
+	local subcommands="version volumes start stop level extents bitmap-size granularity clear
+		switch uuid save-time"
+	local options="--help --version --json --ioctl --block-ioctl"
+
+	for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+		if [[ $word != -* ]]; then
+			[[ $subcommand ]] && volume=$word || subcommand=$word
+		fi
+	done
+	[[ $subcommand == extents ]] && options+=" --sum --batch"
+
+	if [[ $current == -* ]]; then
+		COMPREPLY=($(compgen -W "$options" -- "$current"))
+	elif [[ ! $subcommand ]]; then
+		COMPREPLY=($(compgen -W "$subcommands" -- "$current"))
+	elif [[ $current == /* ]]; then
+		COMPREPLY=($(compgen -f -- "$current"))
+	elif [[ $subcommand != volumes && ! $volume ]]; then
+		COMPREPLY=($(compgen -W "$(_zorvatctl_volumes)" -- "$current"))
+	fi
+}
+
+complete -o filenames -F _zorvatctl zorvatctl
