@@ -386,6 +386,31 @@ TEST_F(VolumeTracker, StopWaitsForHookCallsInProgress)
 	EXPECT_EQ(live(), nullptr);
 }
 
+// A hook call that saw a bitmap is done with it before it is merged or freed.
+TEST_F(VolumeTracker, SwitchAndStopWaitForReadSections)
+{
+	for (bool stopping : {false, true}) {
+		std::latch inside(1), go(1);
+		std::atomic<bool> left{false};
+		std::thread reader([&] {
+			SchedReadSection section;
+			inside.count_down();
+			go.wait();
+			left = true;
+		});
+		inside.wait();
+		std::thread manager([&] {
+			EXPECT_EQ(stopping ? stop() : locked(volume_info_switch_bitmap), 0);
+			EXPECT_TRUE(left);
+		});
+		for (int i = 0; i < 1000; i++)
+			std::this_thread::yield();
+		go.count_down();
+		reader.join();
+		manager.join();
+	}
+}
+
 // Two writers share words; one of them also writes across words that are its own.
 class Writers
 {
