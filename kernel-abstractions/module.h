@@ -17,6 +17,13 @@ int ka_init(void);
 /* The last thing that unloading does: no hook of the layer's is left in the kernel afterwards. */
 void ka_exit(void);
 
+/*
+ * Keeps the module loaded while code of it runs that nothing else accounts for. False when it is
+ * being unloaded already. Any context.
+ */
+int ka_module_get(void);
+void ka_module_put(void);
+
 /* 16 random bytes with the version-4 and variant bits of a UUID. */
 void ka_generate_random_uuid(unsigned char uuid[16]);
 

@@ -5,6 +5,7 @@
 
 #include "../kernel-abstractions/block.h"
 #include "../kernel-abstractions/memory.h"
+#include "../kernel-abstractions/module.h"
 #include "../kernel-abstractions/sync.h"
 
 template <typename T, void (*Lock)(T *), void (*Unlock)(T *)> class ScopedLock
@@ -87,6 +88,25 @@ public:
 
 private:
 	unsigned int flags;
+};
+
+// The module stays loaded while it lives, unless it is on its way out already.
+class ModulePin
+{
+public:
+	ModulePin() : held(ka_module_get() != 0)
+	{
+	}
+	~ModulePin()
+	{
+		if (held)
+			ka_module_put();
+	}
+	ModulePin(const ModulePin &) = delete;
+	ModulePin &operator=(const ModulePin &) = delete;
+
+private:
+	bool held;
 };
 
 // A block device opened by number for reading.

@@ -196,7 +196,6 @@ static int ioctl_extents(volume_info *volume, void *record)
 		WT_ERROR("Unable to allocate memory to copy wt_extents\n");
 		return -KA_ENOMEM;
 	}
-	memset(extents, 0, size);
 	int result = copy_extents_out(volume, request.wer_start_from, capacity, extents, record);
 	ka_vfree(extents);
 	return result;
@@ -448,6 +447,9 @@ static volume_info *lookup_whole_disk(ka_dev_t dev)
 static int filter_ioctl(enum ka_ioctl_entry entry, block_device *bdev, unsigned int mode,
 			unsigned int cmd, unsigned long arg)
 {
+	// The table's owner is the disk's driver: nothing else keeps this module while the ioctl,
+	// which may last as long as the disk does, comes back through here.
+	ModulePin pin;
 	VolumeRef volume(lookup_whole_disk(ka_bdev_dev(bdev)));
 	if (!volume)
 		return -KA_ENOIOCTLCMD;

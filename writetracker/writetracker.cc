@@ -80,6 +80,7 @@ static void undo_subsystems()
 {
 	cleanup_control_device();
 	cleanup_volume_ioctl();
+	volume_manager_cleanup(); // no disk may keep a table that lies in a record
 	volume_registry_cleanup();
 	udev_unpatch();
 }

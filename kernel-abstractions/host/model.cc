@@ -2,6 +2,7 @@
 /* Boot, injected failures, the list of what is left over, the module's image, small things. */
 #include "model.h"
 
+#include <atomic>
 #include <dlfcn.h>
 #include <link.h>
 
@@ -35,6 +36,7 @@ struct Machine {
 	std::vector<std::string> violations;
 	std::vector<std::string> log;
 	int layer_users = 0;
+	std::atomic<int> module_references = 0;
 };
 
 Machine &machine()
@@ -142,6 +144,7 @@ void boot(const void *module)
 	machine().violations.clear();
 	machine().log.clear();
 	machine().layer_users = 0;
+	machine().module_references = 0;
 	armed = 0;
 	if (module_image)
 		reload();
@@ -168,6 +171,9 @@ std::vector<std::string> leaks()
 		report.push_back("locks held or atomic context");
 	std::lock_guard guard(machine().lock);
 	report.insert(report.end(), machine().violations.begin(), machine().violations.end());
+	if (machine().module_references != 0)
+		report.push_back(
+			printed("module: %d references", machine().module_references.load()));
 	if (machine().layer_users != 0)
 		report.push_back("ka_init without ka_exit");
 	for (auto &unused : machine().interpositions)
@@ -303,6 +309,17 @@ int ka_init(void)
 void ka_exit(void)
 {
 	machine().layer_users--;
+}
+
+int ka_module_get(void)
+{
+	machine().module_references++;
+	return 1;
+}
+
+void ka_module_put(void)
+{
+	machine().module_references--;
 }
 
 void ka_generate_random_uuid(unsigned char uuid[16])

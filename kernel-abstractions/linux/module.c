@@ -23,6 +23,16 @@ MODULE_LICENSE("GPL");
 MODULE_DESCRIPTION("Changed-block tracking and restore disks for block-level backup");
 MODULE_INFO(is_debug, "no");
 
+int ka_module_get(void)
+{
+	return try_module_get(THIS_MODULE);
+}
+
+void ka_module_put(void)
+{
+	module_put(THIS_MODULE);
+}
+
 void ka_generate_random_uuid(unsigned char uuid[16])
 {
 	generate_random_uuid(uuid);

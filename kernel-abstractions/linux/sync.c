@@ -53,7 +53,7 @@ int ka_mutex_lock_interruptible(struct ka_mutex *mutex)
 
 void ka_mutex_unlock(struct ka_mutex *mutex)
 {
-	mutex_unlock(KA_OBJECT(struct mutex, mutex));
+	kernel_mutex_unlock(KA_OBJECT(struct mutex, mutex));
 }
 
 int ka_mutex_is_locked(struct ka_mutex *mutex)

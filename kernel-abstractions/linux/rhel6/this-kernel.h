@@ -51,6 +51,13 @@ static inline void kernel_synchronize_sched(void)
 	synchronize_sched();
 }
 
+/* The count of a mutex released once too often would let two in. */
+static inline void kernel_mutex_unlock(struct mutex *mutex)
+{
+	if (mutex_is_locked(mutex))
+		mutex_unlock(mutex);
+}
+
 static inline struct kobject *kernel_kobject_get(struct kobject *kobj)
 {
 	return atomic_inc_not_zero(&kobj->kref.refcount) ? kobj : NULL;

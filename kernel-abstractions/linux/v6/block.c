@@ -5,7 +5,6 @@
 #include <linux/blkdev.h>
 #include <linux/device.h>
 #include <linux/fs.h>
-#include <linux/kallsyms.h>
 
 #include "../objects.h"
 
@@ -54,12 +53,9 @@ int ka_thaw_bdev(struct block_device *bdev, struct super_block *frozen)
  * The NVMe driver tells its disks from others by the address of their operations table, and would
  * take a disk with another table for something else. Such disks cannot be hooked.
  */
-static bool has_driver_that_checks_tables(struct gendisk *disk)
+static bool has_driver_that_checks_tables(const struct gendisk *disk)
 {
-	char table[KSYM_SYMBOL_LEN];
-
-	snprintf(table, sizeof(table), "%ps", disk->fops);
-	return strncmp(table, "nvme_", 5) == 0;
+	return strncmp(disk->disk_name, "nvme", 4) == 0;
 }
 
 struct gendisk *ka_bdev_disk(struct block_device *bdev)

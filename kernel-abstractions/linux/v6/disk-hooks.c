@@ -12,6 +12,7 @@
 #include <linux/hashtable.h>
 #include <linux/kprobes.h>
 #include <linux/module.h>
+#include <linux/preempt.h>
 #include <linux/slab.h>
 #include <linux/srcu.h>
 #include <linux/stop_machine.h>
@@ -262,7 +263,8 @@ static int restore_table(void *data)
 	struct disk_hooks *hooks = data;
 	struct gendisk *disk = hooks->disk;
 
-	if (!test_bit(GD_DEAD, &disk->state) && waitqueue_active(&disk->queue->mq_freeze_wq))
+	if (!test_bit(GD_DEAD, &disk->state) &&
+	    (waitqueue_active(&disk->queue->mq_freeze_wq) || blk_queue_pm_only(disk->queue)))
 		return -EAGAIN;
 	return cmpxchg(&disk->fops, &hooks->installed->fops, hooks->found) ==
 			       &hooks->installed->fops
@@ -326,8 +328,9 @@ static void retire(struct disk_hooks *hooks)
 {
 	if (!hooks)
 		return;
+	synchronize_rcu_tasks(); /* those on the way into the read section of take_bio */
 	synchronize_srcu(&hooks_srcu);
-	synchronize_rcu_tasks(); /* those before and behind the read section of take_bio */
+	synchronize_rcu_tasks(); /* those on the way out */
 	flush_work(&hooks->last_put);
 	free_hooks(&hooks->rcu);
 }
@@ -397,6 +400,21 @@ ka_make_request_fn *ka_queue_make_request(struct request_queue *queue)
 	return function;
 }
 
+/*
+ * With full preemption a task may be preempted between the block layer's two looks at submit_bio
+ * for any time, and no table may be taken out: the module stays.
+ */
+static void stay_if_preemptible(void)
+{
+	static bool stays;
+
+	if (!preempt_model_full() || stays)
+		return;
+	stays = true;
+	__module_get(THIS_MODULE);
+	pr_warn("zorvat: cannot be unloaded any more: this kernel runs with full preemption\n");
+}
+
 /* Makes bios of the disk come to take_bio. */
 static struct disk_hooks *begin_to_take_bios(struct gendisk *disk, struct disk_hooks *hooks)
 {
@@ -404,8 +422,13 @@ static struct disk_hooks *begin_to_take_bios(struct gendisk *disk, struct disk_h
 		hooks = hook_disk(disk);
 	while (is_overlaid(hooks) && !takes_bios(disk))
 		install_table(hooks);
-	if (!takes_bios(disk))
+	if (!takes_bios(disk)) {
+		/* The short cut for single pages passes by submit_bio; without it they come as
+		 * bios. */
+		WRITE_ONCE(hooks->installed->fops.rw_page, NULL);
 		WRITE_ONCE(hooks->installed->fops.submit_bio, take_bio);
+		stay_if_preemptible();
+	}
 	return hooks;
 }
 
@@ -468,7 +491,11 @@ int ka_init(void)
 	submit_to_blk_mq = (void *)probe.addr;
 	unregister_kprobe(&probe);
 	last_puts = alloc_workqueue("zorvat-last-puts", 0, 0);
-	return last_puts ? 0 : -ENOMEM;
+	if (!last_puts) {
+		pr_err("zorvat: cannot load: out of memory\n");
+		return -ENOMEM;
+	}
+	return 0;
 }
 
 /* A disk that could not be unhooked because it cannot be opened, but still exists. */

@@ -43,6 +43,11 @@ static inline void kernel_synchronize_sched(void)
 	synchronize_rcu();
 }
 
+static inline void kernel_mutex_unlock(struct mutex *mutex)
+{
+	mutex_unlock(mutex);
+}
+
 static inline struct kobject *kernel_kobject_get(struct kobject *kobj)
 {
 	return kobject_get_unless_zero(kobj);
@@ -51,7 +56,7 @@ static inline struct kobject *kernel_kobject_get(struct kobject *kobj)
 /* Lets the removal of a file go ahead while it is being read. */
 static inline void *kernel_sysfs_unprotect(struct kobject *kobj, const struct attribute *attr)
 {
-	return sysfs_break_active_protection(kobj, attr);
+	return kobj->sd ? sysfs_break_active_protection(kobj, attr) : NULL;
 }
 
 static inline void kernel_sysfs_reprotect(void *protection)
