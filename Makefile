@@ -13,8 +13,10 @@
 stock_kernel = $(lastword $(shell ls -dv /lib/modules/*-cloud-amd64/build 2>/dev/null))
 KDIR = $(or $(stock_kernel),/lib/modules/$(shell uname -r)/build)
 
-SANITIZE_asan := address,undefined
-SANITIZE_tsan := thread
+# Where optimisation shows nothing, it only costs time.
+options_plain := -DCMAKE_BUILD_TYPE=RelWithDebInfo
+options_asan := -DCMAKE_BUILD_TYPE=Debug -DSANITIZE=address,undefined
+options_tsan := -DCMAKE_BUILD_TYPE=Debug -DSANITIZE=thread
 
 .PHONY: all module userspace test demo bench lint clean packages
 all: module userspace
@@ -27,7 +29,7 @@ module: packages
 
 # build/plain, build/asan, build/tsan
 build-%: packages
-	@cmake -S . -B build/$* -DSANITIZE=$(SANITIZE_$*) >/dev/null
+	@cmake -S . -B build/$* $(options_$*) >/dev/null
 	@cmake --build build/$* --parallel $(shell nproc)
 
 userspace: build-plain

@@ -95,7 +95,7 @@ loads_and_unloads_under_io() {
 	one_round
 	vmalloc=$(vmalloc_in_use)
 	slab=$(slab_in_use)
-	for round in $(seq "${rounds:-5}"); do
+	for round in $(seq "${rounds:-3}"); do
 		one_round
 		is_writing
 	done

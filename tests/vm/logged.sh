@@ -4,7 +4,7 @@
 
 cases() {
 	echo load
-	for work in buffered direct two_writers io_uring discards file_system; do
+	for work in buffered two_direct_writers io_uring discards file_system; do
 		echo matches_log $work
 	done
 	echo unload
@@ -24,11 +24,7 @@ buffered() {
 	run_fio
 }
 
-direct() {
-	run_fio --direct=1
-}
-
-two_writers() {
+two_direct_writers() {
 	run_fio --direct=1 --numjobs=2
 }
 

@@ -5,7 +5,7 @@
 cases() {
 	echo load
 	for kind in virtio null_blk brd scsi_debug scsi_debug_4k loop; do
-		for work in buffered direct two_writers io_uring partitions discards; do
+		for work in buffered two_direct_writers io_uring partitions discards; do
 			echo reports $work $kind
 		done
 	done
@@ -33,11 +33,7 @@ buffered() {
 	run_fio
 }
 
-direct() {
-	run_fio --direct=1
-}
-
-two_writers() {
+two_direct_writers() {
 	run_fio --direct=1 --numjobs=2
 }
 

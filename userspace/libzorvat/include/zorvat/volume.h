@@ -21,7 +21,7 @@ struct DeviceNumber {
 	uint32_t major = 0; // 12 bits
 	uint32_t minor = 0; // 20 bits
 
-	auto operator<=>(const DeviceNumber &) const = default;
+	auto operator<=>(const DeviceNumber &) const = default; // NOLINT(modernize-use-nullptr)
 
 	/* As it travels to the driver. */
 	constexpr uint32_t kernel_encoding() const
