@@ -488,6 +488,9 @@ TEST_F(VolumeIoctl, PatchAndUnpatch)
 	model::fail("ka_open_by_devnum"); // the device is gone
 	EXPECT_EQ(volume_ioctl_unpatch(volume.get()), 0);
 	EXPECT_EQ(volume->vi_blockfops_old.get(), disk.native_fops());
+	// Readers of the pointer are waited for once it is the old one again.
+	model::before("ka_synchronize_sched",
+		      [&] { EXPECT_EQ(ka_disk_fops(disk.get()), disk.native_fops()); });
 	EXPECT_EQ(volume_ioctl_unpatch(volume.get()), 0);
 	EXPECT_EQ(ka_disk_fops(disk.get()), disk.native_fops());
 	EXPECT_EQ(volume->vi_blockfops_old.get(), nullptr);
