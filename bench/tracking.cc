@@ -53,7 +53,7 @@ void write(benchmark::State &state, const model::Disk &disk)
 	const ka_sector_t length = terabyte / 2 - 8192;
 	const ka_sector_t start = state.thread_index() * (terabyte / 2);
 	ka_sector_t offset = 0;
-	for (auto _ : state) {
+	while (state.KeepRunning()) {
 		if (disk.write(start + offset, bytes).result != 0)
 			state.SkipWithError("the write failed");
 		offset += bytes / 512;
@@ -111,7 +111,7 @@ void scan(benchmark::State &state, const TerabyteBitmap &bitmap)
 	auto *extents = reinterpret_cast<wt_extents *>(memory.get());
 	extents->wtes_size = capacity;
 	int count = 0;
-	for (auto _ : state) {
+	while (state.KeepRunning()) {
 		count = volume_info_get_extents(bitmap.get(), 0, extents);
 		benchmark::DoNotOptimize(count);
 		benchmark::ClobberMemory();

@@ -530,6 +530,8 @@ int volume_ioctl_unpatch(volume_info *volume)
 		WT_WARN("Block ops ioctl already patched cannot unpatch!!!\n");
 		return -KA_EBUSY;
 	}
+	// Who read the disk's pointer before is through with the table, which goes with the record.
+	ka_synchronize_sched();
 	volume->vi_blockfops_old.set(nullptr);
 	return 0;
 }

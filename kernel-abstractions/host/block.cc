@@ -10,6 +10,7 @@
 #include <mutex>
 
 #include "internal.h"
+#include "kernel-abstractions/sync.h"
 
 struct super_block {
 	ka_dev_t dev;
@@ -265,7 +266,10 @@ uint64_t Disk::native_bios() const
 
 int Disk::ioctl(unsigned int cmd, unsigned long arg, int partition, ka_ioctl_entry entry) const
 {
-	auto &fops = in<Fops>(disk_->fops.load(std::memory_order_acquire));
+	/* A kernel is not preempted between the pointer and the entry. */
+	ka_rcu_read_lock_sched();
+	const Fops fops = in<Fops>(disk_->fops.load(std::memory_order_acquire));
+	ka_rcu_read_unlock_sched();
 	if (fops.owner != disk_ || fops.open != disk_)
 		throw Bug("ioctl: the table lost its other entries");
 	if (!fops.entries[entry])

@@ -94,7 +94,7 @@ void release(ka_kobject *kobj)
 {
 	if (current().atomic_depth > 0)
 		violation("ka_kobject_put: the last reference goes in atomic context");
-	ka_kobject *parent;
+	ka_kobject *parent = nullptr;
 	{
 		std::lock_guard guard(state().lock);
 		parent = hide(kobj);
@@ -218,7 +218,7 @@ int ka_kobject_add(ka_kobject *kobj, ka_kobject *parent, const char *name)
 void ka_kobject_del(ka_kobject *kobj)
 {
 	might_sleep("ka_kobject_del");
-	ka_kobject *parent;
+	ka_kobject *parent = nullptr;
 	{
 		std::lock_guard guard(state().lock);
 		parent = hide(kobj);

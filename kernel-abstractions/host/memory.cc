@@ -22,8 +22,8 @@ struct UserRange {
 
 struct Memory {
 	std::mutex lock;
-	std::map<uintptr_t, size_t> allocations;
-	std::map<uintptr_t, UserRange> user;
+	std::map<const char *, size_t> allocations;
+	std::map<const char *, UserRange> user;
 	std::atomic<uint64_t> count{0};
 	std::function<void()> reclaim;
 	int mismatched = 0;
@@ -36,20 +36,20 @@ Memory &state()
 	return instance;
 }
 
-uintptr_t number(const void *address)
+const char *first_byte(const void *address)
 {
-	return reinterpret_cast<uintptr_t>(address);
+	return static_cast<const char *>(address);
 }
 
 /* How many of the bytes at the address the process lets itself be read or written. */
 size_t user_bytes(const void *address, size_t size, bool writes)
 {
 	auto &m = state();
-	auto range = m.user.upper_bound(number(address));
+	auto range = m.user.upper_bound(first_byte(address));
 	if (range == m.user.begin())
 		return 0;
 	--range;
-	size_t offset = number(address) - range->first;
+	size_t offset = first_byte(address) - range->first;
 	bool allowed = range->second.access == UserMemory::Access::read_write ||
 		       (!writes && range->second.access == UserMemory::Access::read_only);
 	if (!allowed || offset >= range->second.size)
@@ -76,7 +76,7 @@ void release(const void *memory, const char *call, bool mismatched)
 		return;
 	{
 		std::lock_guard guard(state().lock);
-		auto found = state().allocations.find(number(memory));
+		auto found = state().allocations.find(first_byte(memory));
 		if (found == state().allocations.end())
 			return violation(printed("%s: not allocated", call));
 		if (holds_lock_in(current(), memory, found->second))
@@ -125,7 +125,7 @@ void reset_memory()
 {
 	auto &m = state();
 	for (auto &[address, size] : m.allocations)
-		free(reinterpret_cast<void *>(address));
+		free(const_cast<char *>(address));
 	m.allocations.clear();
 	m.reclaim = nullptr;
 	m.mismatched = 0;
@@ -136,13 +136,12 @@ void report_memory(Report &report)
 {
 	auto &m = state();
 	std::lock_guard guard(m.lock);
-	for (auto &[address, size] : m.allocations) {
-		bool forgiven = std::ranges::any_of(
-			m.forgiven, [start = address, length = size](const void *inside) {
-				return number(inside) - start < length;
-			});
+	for (auto &memory : m.allocations) {
+		bool forgiven = std::ranges::any_of(m.forgiven, [&](const void *inside) {
+			return inside >= memory.first && inside < memory.first + memory.second;
+		});
 		if (!forgiven)
-			report.push_back(printed("memory: %zu bytes", size));
+			report.push_back(printed("memory: %zu bytes", memory.second));
 	}
 }
 
@@ -150,19 +149,19 @@ UserMemory::UserMemory(size_t size, Access access)
     : memory_(std::make_unique<unsigned char[]>(size)), size_(size)
 {
 	std::lock_guard guard(state().lock);
-	state().user[number(memory_.get())] = {size, access};
+	state().user[first_byte(memory_.get())] = {size, access};
 }
 
 UserMemory::~UserMemory()
 {
 	std::lock_guard guard(state().lock);
-	state().user.erase(number(memory_.get()));
+	state().user.erase(first_byte(memory_.get()));
 }
 
 void UserMemory::set_access(Access access)
 {
 	std::lock_guard guard(state().lock);
-	state().user[number(memory_.get())].access = access;
+	state().user[first_byte(memory_.get())].access = access;
 }
 
 unsigned char *UserMemory::data()
@@ -177,7 +176,7 @@ size_t UserMemory::size() const
 
 unsigned long UserMemory::address() const
 {
-	return number(memory_.get());
+	return reinterpret_cast<unsigned long>(memory_.get());
 }
 
 void UserMemory::fill(unsigned char byte)
@@ -211,7 +210,7 @@ void *ka_vmalloc(size_t size)
 		return nullptr;
 	memset(memory, 0xa5, size); /* not cleared, and it shows */
 	std::lock_guard guard(state().lock);
-	state().allocations[number(memory)] = size;
+	state().allocations[first_byte(memory)] = size;
 	return memory;
 }
 

@@ -64,7 +64,7 @@ public:
 		Dl_info info;
 		if (!dladdr(address, &info))
 			throw Bug("boot: the address is in no module");
-		base_ = reinterpret_cast<uintptr_t>(info.dli_fbase);
+		base_ = static_cast<char *>(info.dli_fbase);
 		dl_iterate_phdr(
 			[](dl_phdr_info *object, size_t, void *self) {
 				static_cast<Image *>(self)->find_data(*object);
@@ -72,38 +72,42 @@ public:
 			},
 			this);
 		content_.resize((end_ - begin_) / sizeof(uint64_t));
-		copy(reinterpret_cast<volatile uint64_t *>(begin_), content_.data());
+		copy(data(), content_.data());
 	}
 
 	void restore() const
 	{
-		copy(content_.data(), reinterpret_cast<volatile uint64_t *>(begin_));
+		copy(content_.data(), data());
 	}
 
 	bool contains(const void *address) const
 	{
 		Dl_info info;
-		return dladdr(address, &info) &&
-		       reinterpret_cast<uintptr_t>(info.dli_fbase) == base_;
+		return dladdr(address, &info) && info.dli_fbase == base_;
 	}
 
 private:
+	volatile uint64_t *data() const
+	{
+		return reinterpret_cast<volatile uint64_t *>(base_ + begin_);
+	}
+
 	void find_data(const dl_phdr_info &object)
 	{
-		if (object.dlpi_addr != base_)
+		if (object.dlpi_addr != reinterpret_cast<uintptr_t>(base_))
 			return;
-		uintptr_t read_only_until = 0;
+		size_t read_only_until = 0;
 		for (int i = 0; i < object.dlpi_phnum; i++) {
 			const auto &part = object.dlpi_phdr[i];
-			uintptr_t begin = base_ + part.p_vaddr, end = begin + part.p_memsz;
+			size_t end = part.p_vaddr + part.p_memsz;
 			if (part.p_type == PT_LOAD && (part.p_flags & PF_W)) {
-				begin_ = begin;
-				end_ = end & ~uintptr_t{7};
+				begin_ = part.p_vaddr;
+				end_ = end & ~size_t{7};
 			} else if (part.p_type == PT_GNU_RELRO) {
-				read_only_until = end & ~uintptr_t{4095};
+				read_only_until = end & ~size_t{4095};
 			}
 		}
-		begin_ = (std::max(begin_, read_only_until) + 7) & ~uintptr_t{7};
+		begin_ = (std::max(begin_, read_only_until) + 7) & ~size_t{7};
 	}
 
 	__attribute__((no_sanitize("address", "thread", "undefined"))) void
@@ -113,7 +117,8 @@ private:
 			to[i] = from[i];
 	}
 
-	uintptr_t base_ = 0, begin_ = 0, end_ = 0;
+	char *base_ = nullptr;
+	size_t begin_ = 0, end_ = 0; /* of what is writable, from there */
 	std::vector<uint64_t> content_;
 };
 

@@ -19,6 +19,7 @@ protected:
 	static std::vector<int> acks(const std::vector<model::GenlMessage> &answers)
 	{
 		std::vector<int> errors;
+		errors.reserve(answers.size());
 		for (auto &answer : answers)
 			errors.push_back(answer.ack ? answer.error : 1);
 		return errors;
@@ -67,7 +68,8 @@ TEST_F(ControlDevice, VersionByIoctl)
 {
 	UserMemory memory(sizeof(wt_version));
 	EXPECT_EQ(ioctl(WT_IOCTL(2), memory.address()), 0);
-	EXPECT_EQ(memcmp(memory.data(), &wt_context.driver_version, sizeof(wt_version)), 0);
+	EXPECT_EQ(model::bytes_of(memory.get<wt_version>()),
+		  model::bytes_of(wt_context.driver_version));
 
 	UserMemory small(sizeof(wt_version) - 1), unwritable(4096, UserMemory::Access::read_only);
 	for (unsigned long address : {0ul, small.address(), unwritable.address()})

@@ -6,6 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <numeric>
+
 #include "h/wt.h"
 #include "kernel-abstractions/host/model.h"
 #include "kernel-abstractions/module.h"
@@ -21,6 +23,7 @@ using testing::IsEmpty;
 
 constexpr ka_dev_t sda = 8u << KA_MINORBITS;
 constexpr ka_sector_t block_sectors = 128;
+constexpr uint64_t block_bytes = 65536;
 
 // A line of the log as the driver prints it.
 inline std::string error_line(const std::string &text)
@@ -149,9 +152,8 @@ inline std::vector<uint64_t> written_blocks(const hbitmap *bitmap)
 
 inline std::vector<uint64_t> blocks(uint64_t first, uint64_t last)
 {
-	std::vector<uint64_t> all;
-	for (uint64_t b = first; b <= last; b++)
-		all.push_back(b);
+	std::vector<uint64_t> all(last - first + 1);
+	std::iota(all.begin(), all.end(), first);
 	return all;
 }
 
@@ -172,6 +174,7 @@ public:
 	std::vector<std::pair<uint64_t, uint64_t>> first(int count)
 	{
 		std::vector<std::pair<uint64_t, uint64_t>> pairs;
+		pairs.reserve(count);
 		for (int i = 0; i < count; i++)
 			pairs.emplace_back(get()->wtes_extents[i].wte_start,
 					   get()->wtes_extents[i].wte_length);

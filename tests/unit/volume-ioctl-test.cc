@@ -31,6 +31,7 @@ protected:
 		answers = model::genl_send(
 			{.cmd = static_cast<uint8_t>(cmd), .attributes = std::move(attributes)});
 		std::vector<int> codes;
+		codes.reserve(answers.size());
 		for (auto &answer : answers)
 			codes.push_back(answer.ack ? answer.error : 1);
 		return codes;
@@ -57,7 +58,7 @@ protected:
 	void write_blocks(const std::vector<uint64_t> &blocks)
 	{
 		for (uint64_t block : blocks)
-			ASSERT_EQ(disk.write(block * 128, 512).result, 0);
+			ASSERT_EQ(disk.write(block * block_sectors, 512).result, 0);
 	}
 
 	Disk disk{nullptr};
@@ -172,9 +173,9 @@ TEST_F(VolumeIoctl, Extents)
 		{0, 0, 0, 0},
 		{0, 1, 1, 0},
 		{0, 4, 4, 0},
-		{11 * 128, 4, 4, 11 * 128},
-		{12 * 128, 4, 3, 20 * 128},
-		{42 * 128, 4, 0, 0},
+		{11 * block_sectors, 4, 4, 11 * block_sectors},
+		{12 * block_sectors, 4, 3, 20 * block_sectors},
+		{42 * block_sectors, 4, 0, 0},
 	};
 	for (auto &c : cases) {
 		EXPECT_EQ(ask(c.from, c.capacity), c.count);
@@ -345,7 +346,7 @@ TEST_F(VolumeIoctl, NetlinkExtents)
 	// The attribute has room for the capacity, whatever the count; the rest is zero.
 	EXPECT_THAT(ask(128, 3), ElementsAre(1));
 	auto words = reply<std::array<uint64_t, 7>>(WT_GENATTR_BACKUP, 3 * 16 + 32);
-	EXPECT_THAT(words, ElementsAre(3, 128, 128, 10 * 128, 256, 0, 0));
+	EXPECT_THAT(words, ElementsAre(3, 128, 128, 10 * block_sectors, 256, 0, 0));
 	EXPECT_THAT(ask(0, 0), ElementsAre(1));
 	EXPECT_EQ(reply<uint64_t>(WT_GENATTR_BACKUP, 32), 0u);
 
@@ -487,6 +488,9 @@ TEST_F(VolumeIoctl, PatchAndUnpatch)
 	model::fail("ka_open_by_devnum"); // the device is gone
 	EXPECT_EQ(volume_ioctl_unpatch(volume.get()), 0);
 	EXPECT_EQ(volume->vi_blockfops_old.get(), disk.native_fops());
+	// Readers of the pointer are waited for once it is the old one again.
+	model::before("ka_synchronize_sched",
+		      [&] { EXPECT_EQ(ka_disk_fops(disk.get()), disk.native_fops()); });
 	EXPECT_EQ(volume_ioctl_unpatch(volume.get()), 0);
 	EXPECT_EQ(ka_disk_fops(disk.get()), disk.native_fops());
 	EXPECT_EQ(volume->vi_blockfops_old.get(), nullptr);

@@ -153,7 +153,7 @@ protected:
 	}
 	void write_blocks(uint64_t first, uint64_t count)
 	{
-		ASSERT_EQ(disk.write(first * 128, count * 65536).result, 0);
+		ASSERT_EQ(disk.write(first * block_sectors, count * block_bytes).result, 0);
 	}
 
 	Disk disk{nullptr};
@@ -254,14 +254,14 @@ TEST_F(Volume, ReadoutsPreferTheFrozenBitmap)
 	track();
 	write_blocks(0, 1);
 	ASSERT_EQ(volume_manager_get_extents(volume.get(), 0, extents.get()), 1);
-	EXPECT_EQ(extents.first(1), (Extents{{0, 3 * 128}}));
+	EXPECT_EQ(extents.first(1), (Extents{{0, 3 * block_sectors}}));
 	ASSERT_EQ(volume_manager_switch_bitmap(volume.get()), 0);
 	write_blocks(8, 1);
 	ASSERT_EQ(volume_manager_get_extents(volume.get(), 0, extents.get()), 1);
-	EXPECT_EQ(extents.first(1), (Extents{{0, 3 * 128}}));
+	EXPECT_EQ(extents.first(1), (Extents{{0, 3 * block_sectors}}));
 	ASSERT_EQ(volume_manager_clear_bitmap(volume.get()), 0);
 	ASSERT_EQ(volume_manager_get_extents(volume.get(), 0, extents.get()), 1);
-	EXPECT_EQ(extents.first(1), (Extents{{8 * 128, 3 * 128}}));
+	EXPECT_EQ(extents.first(1), (Extents{{8 * block_sectors, 3 * block_sectors}}));
 }
 
 TEST_F(Volume, BitmapBytes)

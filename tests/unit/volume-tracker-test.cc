@@ -55,11 +55,11 @@ TEST_F(VolumeTracker, BlocksThatAWriteMarks)
 		{{.sector = 128, .bytes = 65024}, 1, 2},
 		{{.sector = 129, .bytes = 65536}, 1, 3},
 		// Within and across words of 64 blocks, with whole words between.
-		{{.sector = 62 * 128, .bytes = 512}, 62, 63},
-		{{.sector = 63 * 128, .bytes = 512}, 63, 64},
-		{{.sector = 60 * 128, .bytes = 8 * 65536}, 60, 69},
-		{{.sector = 10 * 128, .bytes = 200 * 65536}, 10, 211},
-		{{.sector = 64 * 128, .bytes = 63 * 65536}, 64, 128},
+		{{.sector = 62 * block_sectors, .bytes = 512}, 62, 63},
+		{{.sector = 63 * block_sectors, .bytes = 512}, 63, 64},
+		{{.sector = 60 * block_sectors, .bytes = 8 * block_bytes}, 60, 69},
+		{{.sector = 10 * block_sectors, .bytes = 200 * block_bytes}, 10, 211},
+		{{.sector = 64 * block_sectors, .bytes = 63 * block_bytes}, 64, 128},
 		// Of segments only the current one counts.
 		{{.sector = 128, .bytes = 65536, .segments = pages}, 1, 2},
 		{{.sector = 128, .bytes = 70144, .segments = uneven}, 1, 2},
@@ -169,7 +169,7 @@ TEST_F(VolumeTracker, HookAllocatesNothing)
 {
 	uint64_t before = model::allocations();
 	for (int i = 0; i < 100; i++)
-		disk.write(i * 128, 1 << 20);
+		disk.write(i * block_sectors, 1 << 20);
 	EXPECT_EQ(model::allocations(), before);
 }
 
@@ -215,13 +215,13 @@ TEST_F(VolumeTracker, SwitchesAccumulateInTheFrozenBitmap)
 	EXPECT_EQ(written_blocks(volume->vi_bitmap_snapshot), blocks(0, 1));
 	EXPECT_THAT(written_blocks(live()), IsEmpty());
 
-	EXPECT_EQ(disk.write(2 * 128, 512).result, 0);
+	EXPECT_EQ(disk.write(2 * block_sectors, 512).result, 0);
 	hbitmap *before = live();
 	model::fail("ka_vmalloc");
 	EXPECT_EQ(locked(volume_info_switch_bitmap), -12);
 	EXPECT_EQ(live(), before);
 	EXPECT_EQ(locked(volume_info_switch_bitmap), 0);
-	EXPECT_EQ(disk.write(8 * 128, 512).result, 0);
+	EXPECT_EQ(disk.write(8 * block_sectors, 512).result, 0);
 	EXPECT_EQ(written_blocks(volume->vi_bitmap_snapshot), blocks(0, 3));
 	EXPECT_EQ(written_blocks(live()), blocks(8, 9));
 
@@ -242,7 +242,7 @@ TEST_F(VolumeTracker, SwitchAfterGrowth)
 	disk.resize(0, 20000);
 	volume->vi_end.set(20000);
 	EXPECT_EQ(locked(volume_info_switch_bitmap), 0);
-	EXPECT_EQ(disk.write(100 * 128, 512).result, 0);
+	EXPECT_EQ(disk.write(100 * block_sectors, 512).result, 0);
 	EXPECT_EQ(locked(volume_info_switch_bitmap), 0);
 	EXPECT_EQ(volume->vi_bitmap_snapshot->size, 24);
 	EXPECT_THAT(written_blocks(volume->vi_bitmap_snapshot), ElementsAre(0, 1, 100, 101));
@@ -448,7 +448,7 @@ private:
 		for (int round = 0; round < rounds; round++) {
 			for (uint64_t block = which; block < 62; block += 2)
 				write(block * block_sectors, 4096);
-			write((which ? 256 + 32 : 64 + 32) * block_sectors, 128 * 65536);
+			write((which ? 256 + 32 : 64 + 32) * block_sectors, 128 * block_bytes);
 		}
 	}
 	void write(ka_sector_t sector, uint64_t bytes)
@@ -534,10 +534,10 @@ public:
 		bool open = false;
 		for (uint64_t b = offset / 128; b < size() && runs.size() < capacity + 1; b++) {
 			if (is_written(b) && !open)
-				runs.emplace_back(std::max(b * 128, offset), 0);
+				runs.emplace_back(std::max(b * block_sectors, offset), 0);
 			open = is_written(b);
 			if (open)
-				runs.back().second = (b + 1) * 128 - runs.back().first;
+				runs.back().second = (b + 1) * block_sectors - runs.back().first;
 		}
 		if (open && offset / 128 < size() && runs.size() <= capacity)
 			runs.pop_back();
@@ -567,16 +567,19 @@ TEST(ExtentsOfABitmap, Cases)
 		{{{0, 1}, {4, 4}}, 0, 1, {{0, 256}}},
 		{{{0, 1}, {4, 4}}, 0, 2, {{0, 256}, {512, 128}}},
 		{{{0, 1}, {4, 4}}, 257, 2, {{512, 128}}},
-		{{{60, 70}}, 0, 9, {{60 * 128, 11 * 128}}},           // across words
-		{{{63, 63}}, 63 * 128 + 1, 9, {{63 * 128 + 1, 127}}}, // up to a word's end
-		{{{10, 200}}, 64 * 128, 9, {{64 * 128, 137 * 128}}},
+		{{{60, 70}}, 0, 9, {{60 * block_sectors, 11 * block_sectors}}}, // across words
+		{{{63, 63}},
+		 63 * block_sectors + 1,
+		 9,
+		 {{63 * block_sectors + 1, 127}}}, // up to a word's end
+		{{{10, 200}}, 64 * block_sectors, 9, {{64 * block_sectors, 137 * block_sectors}}},
 		{{{64, 127}}, 0, 9, {{8192, 8192}}},
-		{{{254, 254}}, 0, 9, {{254 * 128, 128}}},
+		{{{254, 254}}, 0, 9, {{254 * block_sectors, 128}}},
 		{{{254, 255}}, 0, 9, {}}, // a run up to the last bit is not reported
 		{{{0, 255}}, 0, 9, {}},
 		{{{0, 0}, {250, 255}}, 0, 9, {{0, 128}}},
-		{{{255, 255}}, 255 * 128 + 7, 9, {}},
-		{{{0, 1}}, 256 * 128, 9, {}},
+		{{{255, 255}}, 255 * block_sectors + 7, 9, {}},
+		{{{0, 1}}, 256 * block_sectors, 9, {}},
 		{{{0, 1}}, ~uint64_t{0}, 9, {}},
 	};
 	for (auto &c : cases) {
@@ -601,7 +604,7 @@ TEST(ExtentsOfABitmap, AgreeWithANaiveScan)
 			bitmap.write(b, last);
 			b = last + 1 + random() % longest;
 		}
-		uint64_t offset = random() % (bitmap.size() * 128 + 300);
+		uint64_t offset = random() % (bitmap.size() * block_sectors + 300);
 		if (random() % 2)
 			offset -= offset % 128;
 		size_t capacity = random() % 4 ? 1000 : random() % 4;

@@ -17,7 +17,7 @@ protected:
 	{
 		std::string page(length, '\0');
 		result = wt_logging_print(page.data(), length);
-		return page.c_str();
+		return page.substr(0, page.find('\0'));
 	}
 
 	static inline long result;
