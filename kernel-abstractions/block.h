@@ -37,7 +37,7 @@ int ka_thaw_bdev(struct block_device *bdev, struct super_block *frozen);
 
 /* Of an open device. Any context. */
 ka_dev_t ka_bdev_dev(struct block_device *bdev);
-struct gendisk *ka_bdev_disk(struct block_device *bdev); /* may be null */
+struct gendisk *ka_bdev_disk(struct block_device *bdev); /* null: none that can be hooked */
 struct request_queue *ka_bdev_queue(struct block_device *bdev);
 ka_dev_t ka_bdev_whole_dev(struct block_device *bdev);  /* the number of its whole disk */
 ka_sector_t ka_bdev_start(struct block_device *bdev);   /* on the whole disk; 0 for one */
@@ -83,8 +83,13 @@ ka_make_request_fn *ka_queue_make_request(struct request_queue *queue);
  */
 ka_make_request_fn *ka_queue_cmpxchg_make_request(struct request_queue *queue,
 						  ka_make_request_fn *from, ka_make_request_fn *to);
-/* Stores unconditionally. */
+/* Stores unconditionally. Does not wait for I/O. */
 void ka_queue_set_make_request(struct request_queue *queue, ka_make_request_fn *function);
+/*
+ * After a store: returns when no bio is on its way through the function that was replaced, if the
+ * kernel can tell. No file system may be frozen: such a bio may wait for it.
+ */
+void ka_queue_drain_make_request(struct request_queue *queue);
 
 /* --- A disk's table of operations --------------------------------------------------------- */
 

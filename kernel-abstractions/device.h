@@ -16,6 +16,8 @@ struct kset;
 
 /* The device object of a disk. */
 struct device *ka_disk_device(struct gendisk *disk);
+/* The device object of the disk that a block device lies on. */
+struct device *ka_bdev_disk_device(struct block_device *bdev);
 /* The device that contains the kernel object. */
 struct device *ka_kobject_device(struct kobject *kobj);
 /* One more reference; null in, null out. Any context. */

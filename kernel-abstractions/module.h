@@ -10,7 +10,7 @@ KA_BEGIN_DECLS
 #define KA_MODULE_NAME "zorvat"
 
 /*
- * The layer's own setup: the first thing that loading does. On failure, which the layer has
+ * The layer's own setup, before anything is hooked or registered. On failure, which the layer has
  * explained in the kernel log, loading ends with that error.
  */
 int ka_init(void);

@@ -27,8 +27,8 @@ void ka_init_delayed_work(struct ka_delayed_work *work,
 int ka_schedule_delayed_work(struct ka_delayed_work *work, unsigned long delay);
 int ka_queue_delayed_work(struct workqueue_struct *queue, struct ka_delayed_work *work,
 			  unsigned long delay);
-/* If the work is pending, runs it now instead of later; returns when it is done. */
-void ka_flush_delayed_work(struct ka_delayed_work *work);
+/* The work does not run any more: it is cancelled if pending and waited for if running. */
+void ka_cancel_delayed_work_sync(struct ka_delayed_work *work);
 
 /* A queue whose works run one at a time in the order queued. Null when memory is short. */
 struct workqueue_struct *ka_create_singlethread_workqueue(const char *name);

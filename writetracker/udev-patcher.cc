@@ -294,7 +294,7 @@ static int find_class_and_set()
 	}
 	if (!root)
 		return learn_from_temporary_disk();
-	DeviceRef dev(ka_disk_device(ka_bdev_disk(root)));
+	DeviceRef dev(ka_bdev_disk_device(root));
 	err = take_class_and_set(dev.get());
 	if (err != 0)
 		WT_ERROR("Failed getting the Devices kset\n");
@@ -389,8 +389,9 @@ static workqueue_struct *udev_unpatch_locked()
 	return queue;
 }
 
-// Runs what still waits for its delay, so that nothing is pending when the queue goes.
-static void flush_pending_events()
+// Drops what still waits for its delay: a queue that goes away must not have any. Nothing is
+// scheduled any more, so a slot only ever becomes free here.
+static void drop_delayed_events()
 {
 	for (event_notify_work &slot : arr_event_notify) {
 		bool pending;
@@ -398,8 +399,11 @@ static void flush_pending_events()
 			MutexLock lock(lock_bd_ops);
 			pending = slot.enw_event != DISK_NO_EVENT;
 		}
-		if (pending)
-			ka_flush_delayed_work(&slot.enw_work);
+		if (!pending)
+			continue;
+		ka_cancel_delayed_work_sync(&slot.enw_work);
+		MutexLock lock(lock_bd_ops);
+		slot.enw_event = DISK_NO_EVENT;
 	}
 }
 
@@ -412,7 +416,7 @@ void udev_unpatch()
 			queue = udev_unpatch_locked();
 	}
 	if (queue) {
-		flush_pending_events();
+		drop_delayed_events();
 		ka_flush_workqueue(queue);
 		ka_destroy_workqueue(queue);
 	}

@@ -41,13 +41,18 @@ static int start_or_stop(volume_info *volume, backUp *backup)
 	}
 }
 
-// The level, and the length in sectors. Starting and stopping report the length in bytes.
-static backUp level_and_length(volume_info *volume)
+// A record for a reply: its padding leaves the kernel as well, and is zeroed with the rest.
+template <typename Record> static void clear(Record *record)
 {
-	backUp backup = {};
-	backup.level = volume_manager_backup_level(volume);
-	backup.PartitionLength = volume->vi_end.get() - volume->vi_start.get();
-	return backup;
+	memset(record, 0, sizeof(*record));
+}
+
+// The level, and the length in sectors. Starting and stopping report the length in bytes.
+static void get_level_and_length(volume_info *volume, backUp *backup)
+{
+	clear(backup);
+	backup->level = volume_manager_backup_level(volume);
+	backup->PartitionLength = volume->vi_end.get() - volume->vi_start.get();
 }
 
 static bmReg granularity()
@@ -89,7 +94,8 @@ static int ioctl_version(void *record)
 
 static int ioctl_level(volume_info *volume, void *record)
 {
-	const backUp backup = level_and_length(volume);
+	backUp backup;
+	get_level_and_length(volume, &backup);
 	if (ka_copy_to_user(record, &backup, sizeof(backup)) != 0) {
 		WT_ERROR("Unable to copy volume tracking info to the usermode\n");
 		return -KA_EACCES;
@@ -305,7 +311,8 @@ static int netlink_present(const VolumeRequest &request)
 
 static int netlink_level(const VolumeRequest &request)
 {
-	const backUp backup = level_and_length(request.volume);
+	backUp backup;
+	get_level_and_length(request.volume, &backup);
 	return request.reply(WT_GENATTR_BACKUP, &backup, sizeof(backup));
 }
 
@@ -328,14 +335,16 @@ static int netlink_start(const VolumeRequest &request)
 
 static int netlink_bitmap_size(const VolumeRequest &request)
 {
-	BITMAP bitmap = {};
+	BITMAP bitmap;
+	clear(&bitmap);
 	bitmap.nBMSize = static_cast<uint32_t>(volume_manager_get_bitmap_size(request.volume));
 	return request.reply(WT_GENATTR_BITMAP, &bitmap, sizeof(bitmap));
 }
 
 static int netlink_data(const VolumeRequest &request)
 {
-	WI_DATA data = {};
+	WI_DATA data;
+	clear(&data);
 	data.bRequest = 1;
 	const auto *asked = request.attribute<WI_DATA>(WT_GENATTR_WI_DATA);
 	if (asked)

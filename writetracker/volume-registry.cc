@@ -155,8 +155,16 @@ int add_volume_info(ka_dev_t dev, volume_info *volume)
 	return enter_volume(*bucket, dev, volume);
 }
 
+// An open waits for others who have the device open, and these may wait for reads of a tracked
+// disk.
+static bool can_be_opened(ka_dev_t dev)
+{
+	return OpenDevice(dev).error() == 0;
+}
+
 int remove_volume_info(ka_dev_t dev)
 {
+	const bool is_present = can_be_opened(dev);
 	WriteLock lock(vol_info_rwsem);
 	NoIoScope noio;
 	volume_info_bucket *bucket = vol_info_buckets.__lookup_bucket(dev);
@@ -165,13 +173,10 @@ int remove_volume_info(ka_dev_t dev)
 
 	volume_info *volume = bucket->vib_volinfo;
 	ka_kobject_del(&volume->kobj);
-	OpenDevice device(dev);
 	// A device that cannot be opened any more may still be in somebody's hands, with a table of
 	// operations that lies in the record: the record is left to it for good.
-	if (device.error() == 0) {
-		device.close();
+	if (is_present)
 		ka_kobject_put(&volume->kobj);
-	}
 	// No tombstone: an entry that had probed past this slot is not found by lookups from now
 	// on.
 	*bucket = {};

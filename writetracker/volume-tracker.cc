@@ -162,7 +162,6 @@ int volume_info_allocate_bitmap(volume_info *volume)
 
 int volume_info_switch_bitmap(volume_info *volume)
 {
-	KA_BUG_ON(!ka_mutex_is_locked(&volume->vi_mtx));
 	if (!volume->vi_istracked) {
 		WT_WARN("Tracking not enabled on volume %s\n", volume->vi_dname);
 		return -KA_EINVAL;
@@ -273,6 +272,7 @@ int volume_info_stop_tracking(volume_info *volume, bool unpatch_mrfqn)
 			err = remove_hook(volume, device.get());
 		if (err != 0)
 			return err;
+		ka_queue_drain_make_request(ka_bdev_queue(device.get()));
 	}
 	while (volume->vi_reqcount.get() != 0)
 		ka_schedule();

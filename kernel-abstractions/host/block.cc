@@ -514,6 +514,11 @@ void ka_queue_set_make_request(request_queue *queue, ka_make_request_fn *functio
 	queue->make_request.store(function, std::memory_order_release);
 }
 
+void ka_queue_drain_make_request(request_queue *)
+{
+	might_sleep("ka_queue_drain_make_request");
+}
+
 const ka_block_device_operations *ka_disk_fops(gendisk *disk)
 {
 	return disk->fops.load(std::memory_order_acquire);
@@ -653,6 +658,11 @@ void ka_put_disk(gendisk *disk)
 device *ka_disk_device(gendisk *disk)
 {
 	return whole(disk).dev;
+}
+
+device *ka_bdev_disk_device(block_device *bdev)
+{
+	return ka_disk_device(ka_bdev_disk(bdev));
 }
 
 int ka_path_super_bdev(const char *path, block_device **bdev)

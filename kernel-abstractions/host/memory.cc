@@ -65,7 +65,8 @@ unsigned long copy(void *to, const void *from, unsigned long size, bool to_user)
 		return size;
 	std::lock_guard guard(state().lock);
 	size_t copied = user_bytes(to_user ? to : from, size, to_user);
-	memcpy(to, from, copied);
+	if (copied > 0)
+		memcpy(to, from, copied);
 	return size - copied;
 }
 

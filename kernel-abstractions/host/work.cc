@@ -302,15 +302,14 @@ int ka_queue_delayed_work(workqueue_struct *queue, ka_delayed_work *work, unsign
 	return schedule(lock, queue, work, delay);
 }
 
-void ka_flush_delayed_work(ka_delayed_work *work)
+void ka_cancel_delayed_work_sync(ka_delayed_work *work)
 {
-	might_sleep("ka_flush_delayed_work");
+	might_sleep("ka_cancel_delayed_work_sync");
 	auto &w = state();
 	Locked lock(w.lock);
 	if (auto timer = timer_of(work); timer != w.timers.end()) {
-		Timer due = timer->second;
 		w.timers.erase(timer);
-		enqueue(due);
+		return;
 	}
 	workqueue_struct *queue = queue_of(work);
 	for (auto &other : w.queues)
@@ -319,7 +318,7 @@ void ka_flush_delayed_work(ka_delayed_work *work)
 	if (!queue)
 		return;
 	uint64_t last = queue->queued;
-	wait_locked(lock, "ka_flush_delayed_work", [&] { return queue->done >= last; });
+	wait_locked(lock, "ka_cancel_delayed_work_sync", [&] { return queue->done >= last; });
 }
 
 workqueue_struct *ka_create_singlethread_workqueue(const char *name)

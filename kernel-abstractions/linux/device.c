@@ -13,6 +13,11 @@ struct device *ka_disk_device(struct gendisk *disk)
 	return disk_to_dev(disk);
 }
 
+struct device *ka_bdev_disk_device(struct block_device *bdev)
+{
+	return disk_to_dev(bdev->bd_disk);
+}
+
 struct device *ka_kobject_device(struct kobject *kobj)
 {
 	return container_of(kobj, struct device, kobj);

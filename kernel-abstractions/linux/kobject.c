@@ -40,7 +40,7 @@ void ka_kobject_del(struct ka_kobject *kobj)
 
 struct ka_kobject *ka_kobject_get(struct ka_kobject *kobj)
 {
-	return kobject_get(KA_OBJECT(struct kobject, kobj)) ? kobj : NULL;
+	return kernel_kobject_get(KA_OBJECT(struct kobject, kobj)) ? kobj : NULL;
 }
 
 void ka_kobject_put(struct ka_kobject *kobj)

@@ -40,9 +40,9 @@ int ka_queue_delayed_work(struct workqueue_struct *queue, struct ka_delayed_work
 				  kernel_delay(delay));
 }
 
-void ka_flush_delayed_work(struct ka_delayed_work *work)
+void ka_cancel_delayed_work_sync(struct ka_delayed_work *work)
 {
-	flush_delayed_work(KA_OBJECT(struct delayed_work, &work->kernel));
+	cancel_delayed_work_sync(KA_OBJECT(struct delayed_work, &work->kernel));
 }
 
 struct workqueue_struct *ka_create_singlethread_workqueue(const char *name)

@@ -46,11 +46,12 @@ protected:
 	}
 	void TearDown() override
 	{
-		if (dead)
-			return;
-		EXPECT_THAT(model::leaks(), IsEmpty());
-		EXPECT_EQ(model::take_stray_unlocks(), 0);
-		EXPECT_EQ(model::take_mismatched_releases(), 0);
+		if (!dead) {
+			EXPECT_THAT(model::leaks(), IsEmpty());
+			EXPECT_EQ(model::take_stray_unlocks(), 0);
+			EXPECT_EQ(model::take_mismatched_releases(), 0);
+		}
+		model::boot();
 	}
 	// The kernel has stopped on purpose: what it leaves behind does not count.
 	void kernel_is_dead()

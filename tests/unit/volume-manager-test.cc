@@ -238,6 +238,7 @@ TEST_F(Volume, SwitchClearAndCount)
 	EXPECT_EQ(written_blocks(volume->vi_bitmap.get()), blocks(9, 11));
 
 	EXPECT_EQ(volume_manager_stop_tracking(volume.get(), nullptr), 0);
+	EXPECT_EQ(volume->vi_switchcount.get(), 0u);
 	track();
 	EXPECT_EQ(volume_manager_getswitchcount(volume.get()), 0);
 }

@@ -386,6 +386,34 @@ TEST_F(VolumeTracker, StopWaitsForHookCallsInProgress)
 	EXPECT_EQ(live(), nullptr);
 }
 
+// A hook call that saw a bitmap is done with it before it is merged or freed.
+TEST_F(VolumeTracker, SwitchAndStopWaitForReadSections)
+{
+	for (bool stopping : {false, true}) {
+		std::latch inside(1), go(1);
+		std::atomic<bool> left{false};
+		std::thread reader([&] {
+			SchedReadSection section;
+			inside.count_down();
+			go.wait();
+			left = true;
+		});
+		inside.wait();
+		hbitmap *before = live();
+		std::thread manager([&] {
+			EXPECT_EQ(stopping ? stop() : locked(volume_info_switch_bitmap), 0);
+			EXPECT_TRUE(left);
+		});
+		while (live() == before)
+			std::this_thread::yield();
+		for (int i = 0; i < 1000; i++)
+			std::this_thread::yield();
+		go.count_down();
+		reader.join();
+		manager.join();
+	}
+}
+
 // Two writers share words; one of them also writes across words that are its own.
 class Writers
 {
@@ -406,9 +434,9 @@ public:
 		std::vector<uint64_t> all;
 		for (uint64_t block = 0; block < 62; block++)
 			all.push_back(block);
-		for (uint64_t block = 64 + 32; block < 64 + 96; block++)
+		for (uint64_t block = 64 + 32; block < 64 + 160; block++)
 			all.push_back(block);
-		for (uint64_t block = 256 + 32; block < 256 + 96; block++)
+		for (uint64_t block = 256 + 32; block < 256 + 160; block++)
 			all.push_back(block);
 		return all;
 	}
@@ -420,7 +448,7 @@ private:
 		for (int round = 0; round < rounds; round++) {
 			for (uint64_t block = which; block < 62; block += 2)
 				write(block * block_sectors, 4096);
-			write((which ? 256 + 32 : 64 + 32) * block_sectors, 64 * 65536);
+			write((which ? 256 + 32 : 64 + 32) * block_sectors, 128 * 65536);
 		}
 	}
 	void write(ka_sector_t sector, uint64_t bytes)
@@ -458,7 +486,7 @@ TEST_F(VolumeTracker, TwoWritersAndRestarts)
 		EXPECT_EQ(backup.level, 1);
 		EXPECT_EQ(volume_manager_start_tracking(volume.get(), &backup), 0);
 		EXPECT_EQ(backup.level, 0);
-		ExtentArray extents(8);
+		ExtentArray extents(100);
 		EXPECT_GE(volume_manager_get_extents(volume.get(), 0, extents.get()), 0);
 	}
 	writers.join();

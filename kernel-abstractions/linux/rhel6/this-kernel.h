@@ -51,6 +51,11 @@ static inline void kernel_synchronize_sched(void)
 	synchronize_sched();
 }
 
+static inline struct kobject *kernel_kobject_get(struct kobject *kobj)
+{
+	return atomic_inc_not_zero(&kobj->kref.refcount) ? kobj : NULL;
+}
+
 /* Removing a file waits for its readers here; a reader that waits for a lock can be interrupted. */
 static inline void *kernel_sysfs_unprotect(struct kobject *kobj, const struct attribute *attr)
 {

@@ -39,11 +39,13 @@ struct disk_hooks {
 	const struct ka_block_device_operations *fops;
 	ka_make_request_fn *make_request;
 	struct work_struct last_put;
+	struct rcu_head rcu;
 };
 
 static DEFINE_HASHTABLE(hooked_disks, 8);
 static DEFINE_MUTEX(hooks_mutex); /* every change */
 DEFINE_STATIC_SRCU(hooks_srcu);   /* every bio on its way through take_bio */
+static struct workqueue_struct *last_puts;
 static void (*submit_to_blk_mq)(struct bio *bio);
 
 static struct disk_hooks *find_hooks(struct gendisk *disk)
@@ -87,7 +89,7 @@ static void submit_without_queue_reference(struct disk_hooks *hooks, struct gend
 	if (!hooks)
 		put_device(device);
 	else if (!refcount_dec_not_one(&device->kobj.kref.refcount))
-		queue_work(system_long_wq, &hooks->last_put);
+		queue_work(last_puts, &hooks->last_put);
 }
 
 /* Gives the bio to whom it would have gone without us. */
@@ -177,8 +179,10 @@ static void take_bio(struct bio *bio)
 
 /* --- Putting tables in and taking them out --------------------------------------------------- */
 
-static void free_hooks(struct disk_hooks *hooks)
+static void free_hooks(struct rcu_head *rcu)
 {
+	struct disk_hooks *hooks = container_of(rcu, struct disk_hooks, rcu);
+
 	while (hooks->installed) {
 		struct installed_table *table = hooks->installed;
 
@@ -188,20 +192,24 @@ static void free_hooks(struct disk_hooks *hooks)
 	kfree(hooks);
 }
 
-/* The free_disk of an installed table: the disk is gone, and nobody has it any more. */
+/*
+ * The free_disk of an installed table: the disk is gone, and no bio comes any more. Whoever put the
+ * last reference may hold what other disks' bios wait for, so nothing is waited for here.
+ */
 static void free_disk(struct gendisk *disk)
 {
-	const struct block_device_operations *own;
+	const struct block_device_operations *own = NULL;
 	struct disk_hooks *hooks;
 
 	mutex_lock(&hooks_mutex);
 	hooks = find_hooks(disk);
-	hash_del_rcu(&hooks->node);
+	if (hooks) {
+		own = hooks->own;
+		hash_del_rcu(&hooks->node);
+		call_srcu(&hooks_srcu, &hooks->rcu, free_hooks);
+	}
 	mutex_unlock(&hooks_mutex);
-	own = hooks->own;
-	synchronize_srcu(&hooks_srcu);
-	free_hooks(hooks);
-	if (own->free_disk)
+	if (own && own->free_disk)
 		own->free_disk(disk);
 }
 
@@ -299,18 +307,29 @@ static int remove_table(struct disk_hooks *hooks)
 	return err;
 }
 
-/* Lets go of the disk if the driver does not need it hooked any more. */
-static void release_if_unused(struct disk_hooks *hooks)
+/*
+ * Lets go of the disk if the driver does not need it hooked any more. Returns what to retire once
+ * hooks_mutex is free, or null.
+ */
+static struct disk_hooks *release_if_unused(struct disk_hooks *hooks)
 {
 	if (hooks->make_request != make_request_of_disk || is_overlaid(hooks) ||
 	    hooks->fops != (const struct ka_block_device_operations *)hooks->found ||
 	    remove_table(hooks) != 0)
-		return;
+		return NULL;
 	hash_del_rcu(&hooks->node);
+	return hooks;
+}
+
+/* Frees what was released, when every bio that came by it is through. */
+static void retire(struct disk_hooks *hooks)
+{
+	if (!hooks)
+		return;
 	synchronize_srcu(&hooks_srcu);
 	synchronize_rcu_tasks(); /* those before and behind the read section of take_bio */
 	flush_work(&hooks->last_put);
-	free_hooks(hooks);
+	free_hooks(&hooks->rcu);
 }
 
 /* --- The two slots --------------------------------------------------------------------------- */
@@ -345,6 +364,7 @@ ka_disk_cmpxchg_fops(struct gendisk *disk, const struct ka_block_device_operatio
 		     const struct ka_block_device_operations *to)
 {
 	const struct ka_block_device_operations *current_fops;
+	struct disk_hooks *released = NULL;
 	struct disk_hooks *hooks;
 
 	mutex_lock(&hooks_mutex);
@@ -355,9 +375,10 @@ ka_disk_cmpxchg_fops(struct gendisk *disk, const struct ka_block_device_operatio
 			hooks = hook_disk(disk);
 		set_ioctl_entries(hooks, (const struct block_device_operations *)to);
 		hooks->fops = to;
-		release_if_unused(hooks);
+		released = release_if_unused(hooks);
 	}
 	mutex_unlock(&hooks_mutex);
+	retire(released);
 	return current_fops;
 }
 
@@ -406,19 +427,29 @@ ka_make_request_fn *ka_queue_cmpxchg_make_request(struct request_queue *queue,
 	return function;
 }
 
-/* On return no bio is on its way through the function that was replaced. */
 void ka_queue_set_make_request(struct request_queue *queue, ka_make_request_fn *function)
 {
 	struct disk_hooks *hooks;
 
 	mutex_lock(&hooks_mutex);
 	hooks = find_hooks(queue->disk);
-	if (hooks) {
+	if (hooks)
 		WRITE_ONCE(hooks->make_request, function);
-		synchronize_srcu(&hooks_srcu);
-		release_if_unused(hooks);
-	}
 	mutex_unlock(&hooks_mutex);
+}
+
+void ka_queue_drain_make_request(struct request_queue *queue)
+{
+	struct disk_hooks *released = NULL;
+	struct disk_hooks *hooks;
+
+	synchronize_srcu(&hooks_srcu);
+	mutex_lock(&hooks_mutex);
+	hooks = find_hooks(queue->disk);
+	if (hooks)
+		released = release_if_unused(hooks);
+	mutex_unlock(&hooks_mutex);
+	retire(released);
 }
 
 /* --- Load and unload ------------------------------------------------------------------------- */
@@ -436,30 +467,43 @@ int ka_init(void)
 	}
 	submit_to_blk_mq = (void *)probe.addr;
 	unregister_kprobe(&probe);
-	return 0;
+	last_puts = alloc_workqueue("zorvat-last-puts", 0, 0);
+	return last_puts ? 0 : -ENOMEM;
 }
 
-/* Disks that could not be unhooked because they cannot be opened any more, but still exist. */
-void ka_exit(void)
+/* A disk that could not be unhooked because it cannot be opened, but still exists. */
+static struct disk_hooks *abandon_one(void)
 {
 	struct disk_hooks *hooks;
-	struct hlist_node *next;
 	int bucket;
 
-	mutex_lock(&hooks_mutex);
-	hash_for_each_safe(hooked_disks, bucket, next, hooks, node)
+	hash_for_each(hooked_disks, bucket, hooks, node)
 	{
-		const char *name = hooks->disk->disk_name;
-
-		if (is_overlaid(hooks)) {
-			pr_crit("zorvat: %s: operations replaced by somebody else point here\n",
-				name);
+		if (is_overlaid(hooks))
 			continue;
-		}
 		set_ioctl_entries(hooks, hooks->found);
 		hooks->fops = (const struct ka_block_device_operations *)hooks->found;
 		WRITE_ONCE(hooks->make_request, make_request_of_disk);
-		release_if_unused(hooks);
+		if (release_if_unused(hooks))
+			return hooks;
 	}
-	mutex_unlock(&hooks_mutex);
+	return NULL;
+}
+
+void ka_exit(void)
+{
+	struct disk_hooks *hooks;
+	int bucket;
+
+	do {
+		mutex_lock(&hooks_mutex);
+		hooks = abandon_one();
+		mutex_unlock(&hooks_mutex);
+		retire(hooks);
+	} while (hooks);
+	hash_for_each(hooked_disks, bucket, hooks, node)
+		pr_crit("zorvat: %s: operations replaced by somebody else point here\n",
+			hooks->disk->disk_name);
+	destroy_workqueue(last_puts);
+	srcu_barrier(&hooks_srcu);
 }

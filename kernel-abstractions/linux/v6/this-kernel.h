@@ -43,6 +43,11 @@ static inline void kernel_synchronize_sched(void)
 	synchronize_rcu();
 }
 
+static inline struct kobject *kernel_kobject_get(struct kobject *kobj)
+{
+	return kobject_get_unless_zero(kobj);
+}
+
 /* Lets the removal of a file go ahead while it is being read. */
 static inline void *kernel_sysfs_unprotect(struct kobject *kobj, const struct attribute *attr)
 {
