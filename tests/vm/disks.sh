@@ -75,7 +75,7 @@ follows_hot_removal() {
 	eventually 5 fails ls -d $scsi_disk
 
 	echo '- - -' >"$host/scsi_host/$(basename "$host")/scan"
-	eventually 5 ls -d $scsi_disk/block/sd*
+	eventually 5 eval 'ls -d $scsi_disk/block/sd*'
 	disk=/dev/$(basename $scsi_disk/block/sd*)
 	start_tracking "$disk"
 	run_fio
