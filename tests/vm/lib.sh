@@ -136,7 +136,7 @@ use_scsi_debug() { # [PARAMETER=VALUE...]
 	modprobe -q scsi_debug dev_size_mb=32 delay=0 lbpu=1 lbpws=1 "$@" || skip "no scsi_debug"
 	defer rmmod scsi_debug
 	scsi_disk=/sys/bus/pseudo/drivers/scsi_debug/adapter0/host*/target*/*:0
-	eventually 10 ls -d $scsi_disk/block/sd*
+	eventually 10 eval 'ls -d $scsi_disk/block/sd*'
 	disk=/dev/$(basename $scsi_disk/block/sd*)
 }
 
