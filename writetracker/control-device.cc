@@ -17,18 +17,6 @@ static constexpr wt_log_group wt_group = WT_LOG_GROUP_CONTROL_DEVICE;
 
 // --- The control device --------------------------------------------------------------------------
 
-static long copy_version_out(void *record)
-{
-	ContextRef context;
-	if (!context)
-		return -KA_EAGAIN;
-	if (ka_copy_to_user(record, &wt_context.driver_version, sizeof(wt_version)) != 0) {
-		WT_ERROR("Unable to copy driver verion info to the usermode\n");
-		return -KA_EACCES;
-	}
-	return 0;
-}
-
 // The argument is a device number, and behind it the command's record.
 static long volume_ioctl(unsigned int index, unsigned long arg)
 {
@@ -61,7 +49,7 @@ static long wt_ctl_ioctl(file *, unsigned int command, unsigned long arg)
 	}
 	switch (index) {
 	case WT_GET_DRIVER_VERSION_IOCTL_INDEX:
-		return copy_version_out(reinterpret_cast<void *>(arg));
+		return copy_driver_version(wt_group, reinterpret_cast<void *>(arg));
 	case WT_PATCH_IOCTL_INDEX:
 	case WT_UNPATCH_IOCTL_INDEX:
 		return 0;

@@ -80,18 +80,6 @@ static int fill_extents(volume_info *volume, uint64_t start_from, size_t capacit
 
 // --- Ioctls ------------------------------------------------------------------------------------
 
-static int ioctl_version(void *record)
-{
-	ContextRef context;
-	if (!context)
-		return -KA_EAGAIN;
-	if (ka_copy_to_user(record, &wt_context.driver_version, sizeof(wt_version)) != 0) {
-		WT_ERROR("Unable to copy driver verion info to the usermode\n");
-		return -KA_EACCES;
-	}
-	return 0;
-}
-
 static int ioctl_level(volume_info *volume, void *record)
 {
 	backUp backup;
@@ -224,7 +212,7 @@ int process_volume_ioctl(volume_info *volume, unsigned int index, void *record)
 	case WT_STOP_IOCTL_INDEX:
 		return 0;
 	case WT_GET_DRIVER_VERSION_IOCTL_INDEX:
-		return ioctl_version(record);
+		return copy_driver_version(wt_group, record);
 	case WT_GET_BACKUP_LEVEL_IOCTL_INDEX:
 		return ioctl_level(volume, record);
 	case WT_BMCONFIG_IOCTL_INDEX:

@@ -317,6 +317,15 @@ int64_t volume_manager_get_bitmap_size(volume_info *volume)
 	return bitmap ? bitmap->size : 0;
 }
 
+// With an error in the log when there is none.
+static const hbitmap *readable_bitmap_or_error(const volume_info *volume)
+{
+	const hbitmap *bitmap = readable_bitmap(volume);
+	if (!bitmap)
+		WT_ERROR("Tracking not enabled on disk %s\n", volume->vi_dname);
+	return bitmap;
+}
+
 // Writes one word's bytes, at most `limit` of them, most significant first.
 static void store_big_endian(char *to, uint64_t word, int64_t limit)
 {
@@ -329,11 +338,9 @@ int64_t volume_manager_get_bitmap(volume_info *volume, char *buffer, int64_t off
 	InterruptibleMutexLock lock(volume->vi_mtx);
 	if (lock.error() != 0)
 		return lock.error();
-	const hbitmap *bitmap = readable_bitmap(volume);
-	if (!bitmap) {
-		WT_ERROR("Tracking not enabled on disk %s\n", volume->vi_dname);
+	const hbitmap *bitmap = readable_bitmap_or_error(volume);
+	if (!bitmap)
 		return -KA_EINVAL;
-	}
 	if (bitmap->size <= offset)
 		return 0;
 	int64_t n = static_cast<int64_t>(count);
@@ -355,11 +362,9 @@ int volume_manager_get_extents(volume_info *volume, uint64_t offset, wt_extents 
 	InterruptibleMutexLock lock(volume->vi_mtx);
 	if (lock.error() != 0)
 		return lock.error();
-	const hbitmap *bitmap = readable_bitmap(volume);
-	if (!bitmap) {
-		WT_ERROR("Tracking not enabled on disk %s\n", volume->vi_dname);
+	const hbitmap *bitmap = readable_bitmap_or_error(volume);
+	if (!bitmap)
 		return -KA_EINVAL;
-	}
 	return volume_info_get_extents(bitmap, offset, extents);
 }
 

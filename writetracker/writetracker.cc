@@ -3,6 +3,7 @@
 // in a work item that starts over, once a second, for as long as one of them fails.
 #include "writetracker.h"
 
+#include "../kernel-abstractions/memory.h"
 #include "../kernel-abstractions/module.h"
 #include "../kernel-abstractions/task.h"
 #include "../kernel-abstractions/work.h"
@@ -112,6 +113,18 @@ static int publish_context()
 		return err;
 	}
 	wt_context.is_initialized = 1;
+	return 0;
+}
+
+int copy_driver_version(wt_log_group wt_group, void *record)
+{
+	ContextRef context;
+	if (!context)
+		return -KA_EAGAIN;
+	if (ka_copy_to_user(record, &wt_context.driver_version, sizeof(wt_version)) != 0) {
+		WT_ERROR("Unable to copy driver verion info to the usermode\n");
+		return -KA_EACCES;
+	}
 	return 0;
 }
 

@@ -5,6 +5,7 @@
 #define WT_WRITETRACKER_H
 
 #include "writetracker-context.h"
+#include "wt-logging.h"
 
 // A counted reference on the driver context, which keeps the driver loaded while it is held.
 class ContextRef
@@ -30,5 +31,9 @@ public:
 private:
 	bool held;
 };
+
+// Copies the driver's version to the calling process. -EAGAIN without a context; -EACCES when the
+// copy fails, which is logged in the caller's group.
+int copy_driver_version(wt_log_group wt_group, void *record);
 
 #endif

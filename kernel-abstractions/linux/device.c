@@ -73,7 +73,8 @@ void ka_kset_for_each(struct kset *kset, void (*function)(struct kobject *kobj))
 	struct kobject *kobj;
 
 	spin_lock(&kset->list_lock);
-	list_for_each_entry(kobj, &kset->list, entry) function(kobj);
+	list_for_each_entry (kobj, &kset->list, entry)
+		function(kobj);
 	spin_unlock(&kset->list_lock);
 }
 

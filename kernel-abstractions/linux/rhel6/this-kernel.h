@@ -4,6 +4,7 @@
 #define KA_RHEL6_THIS_KERNEL_H
 
 #include <linux/blkdev.h>
+#include <linux/genhd.h>
 #include <linux/kernel.h>
 #include <linux/netlink.h>
 #include <linux/rcupdate.h>
@@ -16,6 +17,8 @@
 #ifndef U16_MAX
 #define U16_MAX ((u16)~0U)
 #endif
+
+#define KERNEL_DISK_WITHOUT_PARTITIONS GENHD_FL_SUPPRESS_PARTITION_INFO
 
 /* The level's marker is text at the head of the format. */
 static inline void kernel_vprintk(int level, const char *format, va_list args)
@@ -76,6 +79,13 @@ static inline void kernel_sysfs_reprotect(void *protection)
 static inline u32 kernel_genl_portid(const struct genl_info *info)
 {
 	return info->snd_pid;
+}
+
+static inline int kernel_genl_register(struct genl_family *family, struct genl_ops *ops,
+				       size_t count)
+{
+	family->id = GENL_ID_GENERATE;
+	return genl_register_family_with_ops(family, ops, count);
 }
 
 static inline void kernel_netlink_ack(struct sk_buff *request, struct nlmsghdr *header, int error)

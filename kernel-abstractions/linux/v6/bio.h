@@ -14,6 +14,7 @@
 struct ka_bio {
 	struct bio *bio;
 	struct gendisk *disk;
+	struct disk_hooks *hooks; /* of the disk, while the bio is on its way */
 	ka_sector_t sector;
 	uint64_t bytes;
 	bool is_write;

@@ -22,8 +22,7 @@
 #include "../objects.h"
 #include "bio.h"
 
-/* A table that was or is installed. It lives as long as its disk_hooks: somebody may point to it.
- */
+/* A table that was or is installed. Somebody may point to it for as long as its disk_hooks live. */
 struct installed_table {
 	struct installed_table *older;
 	struct block_device_operations fops;
@@ -53,10 +52,11 @@ static struct disk_hooks *find_hooks(struct gendisk *disk)
 {
 	struct disk_hooks *hooks;
 
-	hash_for_each_possible_rcu(hooked_disks, hooks, node, (unsigned long)disk,
-				   srcu_read_lock_held(&hooks_srcu) ||
-					   lockdep_is_held(&hooks_mutex)) if (hooks->disk ==
-									      disk) return hooks;
+	hash_for_each_possible_rcu (hooked_disks, hooks, node, (unsigned long)disk,
+				    srcu_read_lock_held(&hooks_srcu) ||
+					    lockdep_is_held(&hooks_mutex))
+		if (hooks->disk == disk)
+			return hooks;
 	return NULL;
 }
 
@@ -109,7 +109,7 @@ static void hand_on(struct disk_hooks *hooks, struct gendisk *disk, struct bio *
 static int make_request_of_disk(struct request_queue *queue, struct ka_bio *bio)
 {
 	bio->handed_on = true;
-	hand_on(find_hooks(bio->disk), bio->disk, bio->bio);
+	hand_on(bio->hooks, bio->disk, bio->bio);
 	return 0;
 }
 
@@ -146,11 +146,13 @@ static void widen_to_zones(struct ka_bio *bio)
  * A function that does not take the bio is one that does not know the disk any more, as while it
  * is being unloaded. The disk goes on working all the same.
  */
-static void make_request(ka_make_request_fn *function, struct gendisk *disk, struct bio *bio)
+static void make_request(struct disk_hooks *hooks, ka_make_request_fn *function,
+			 struct gendisk *disk, struct bio *bio)
 {
 	struct ka_bio taken = {
 		.bio = bio,
 		.disk = disk,
+		.hooks = hooks,
 		.sector = bio->bi_iter.bi_sector,
 		.bytes = bio->bi_iter.bi_size,
 		.is_write = op_is_write(bio_op(bio)),
@@ -160,7 +162,7 @@ static void make_request(ka_make_request_fn *function, struct gendisk *disk, str
 		widen_to_zones(&taken);
 	function(disk->queue, &taken);
 	if (!taken.handed_on)
-		hand_on(find_hooks(disk), disk, bio);
+		hand_on(hooks, disk, bio);
 }
 
 /* The submit_bio of an installed table. */
@@ -172,7 +174,7 @@ static void take_bio(struct bio *bio)
 	ka_make_request_fn *function = hooks ? READ_ONCE(hooks->make_request) : NULL;
 
 	if (function && function != make_request_of_disk)
-		make_request(function, disk, bio);
+		make_request(hooks, function, disk, bio);
 	else
 		hand_on(hooks, disk, bio);
 	srcu_read_unlock(&hooks_srcu, section);
@@ -214,6 +216,12 @@ static void free_disk(struct gendisk *disk)
 		own->free_disk(disk);
 }
 
+/* A table of the kernel's as the driver's slot holds it. */
+static const struct ka_block_device_operations *in_slot(const struct block_device_operations *fops)
+{
+	return (const struct ka_block_device_operations *)fops;
+}
+
 static bool is_overlaid(const struct disk_hooks *hooks)
 {
 	return READ_ONCE(hooks->disk->fops) != &hooks->installed->fops;
@@ -240,7 +248,7 @@ static bool install_table(struct disk_hooks *hooks)
 		return false;
 	}
 	hooks->installed = table;
-	hooks->fops = (const struct ka_block_device_operations *)found;
+	hooks->fops = in_slot(found);
 	return true;
 }
 
@@ -258,6 +266,14 @@ static struct disk_hooks *hook_disk(struct gendisk *disk)
 	return hooks;
 }
 
+/* Puts the table that was found back. -EBUSY when the disk does not have ours any more. */
+static int exchange_table(struct disk_hooks *hooks)
+{
+	const struct block_device_operations *ours = &hooks->installed->fops;
+
+	return cmpxchg(&hooks->disk->fops, ours, hooks->found) == ours ? 0 : -EBUSY;
+}
+
 static int restore_table(void *data)
 {
 	struct disk_hooks *hooks = data;
@@ -266,10 +282,7 @@ static int restore_table(void *data)
 	if (!test_bit(GD_DEAD, &disk->state) &&
 	    (waitqueue_active(&disk->queue->mq_freeze_wq) || blk_queue_pm_only(disk->queue)))
 		return -EAGAIN;
-	return cmpxchg(&disk->fops, &hooks->installed->fops, hooks->found) ==
-			       &hooks->installed->fops
-		       ? 0
-		       : -EBUSY;
+	return exchange_table(hooks);
 }
 
 /*
@@ -300,10 +313,7 @@ static int remove_table(struct disk_hooks *hooks)
 	int err;
 
 	if (hooks->found->submit_bio || !hooks->installed->fops.submit_bio)
-		return cmpxchg(&hooks->disk->fops, &hooks->installed->fops, hooks->found) ==
-				       &hooks->installed->fops
-			       ? 0
-			       : -EBUSY;
+		return exchange_table(hooks);
 	while ((err = restore_table_without_submit(hooks)) == -EAGAIN)
 		schedule_timeout_uninterruptible(1);
 	return err;
@@ -316,8 +326,7 @@ static int remove_table(struct disk_hooks *hooks)
 static struct disk_hooks *release_if_unused(struct disk_hooks *hooks)
 {
 	if (hooks->make_request != make_request_of_disk || is_overlaid(hooks) ||
-	    hooks->fops != (const struct ka_block_device_operations *)hooks->found ||
-	    remove_table(hooks) != 0)
+	    hooks->fops != in_slot(hooks->found) || remove_table(hooks) != 0)
 		return NULL;
 	hash_del_rcu(&hooks->node);
 	return hooks;
@@ -342,7 +351,7 @@ static const struct ka_block_device_operations *fops_slot(struct gendisk *disk,
 {
 	if (hooks && !is_overlaid(hooks))
 		return hooks->fops;
-	return (const struct ka_block_device_operations *)READ_ONCE(disk->fops);
+	return in_slot(READ_ONCE(disk->fops));
 }
 
 const struct ka_block_device_operations *ka_disk_fops(struct gendisk *disk)
@@ -423,8 +432,7 @@ static struct disk_hooks *begin_to_take_bios(struct gendisk *disk, struct disk_h
 	while (is_overlaid(hooks) && !takes_bios(disk))
 		install_table(hooks);
 	if (!takes_bios(disk)) {
-		/* The short cut for single pages passes by submit_bio; without it they come as
-		 * bios. */
+		/* Without the short cut for single pages these come as bios. */
 		WRITE_ONCE(hooks->installed->fops.rw_page, NULL);
 		WRITE_ONCE(hooks->installed->fops.submit_bio, take_bio);
 		stay_if_preemptible();
@@ -504,12 +512,11 @@ static struct disk_hooks *abandon_one(void)
 	struct disk_hooks *hooks;
 	int bucket;
 
-	hash_for_each(hooked_disks, bucket, hooks, node)
-	{
+	hash_for_each (hooked_disks, bucket, hooks, node) {
 		if (is_overlaid(hooks))
 			continue;
 		set_ioctl_entries(hooks, hooks->found);
-		hooks->fops = (const struct ka_block_device_operations *)hooks->found;
+		hooks->fops = in_slot(hooks->found);
 		WRITE_ONCE(hooks->make_request, make_request_of_disk);
 		if (release_if_unused(hooks))
 			return hooks;
@@ -528,7 +535,7 @@ void ka_exit(void)
 		mutex_unlock(&hooks_mutex);
 		retire(hooks);
 	} while (hooks);
-	hash_for_each(hooked_disks, bucket, hooks, node)
+	hash_for_each (hooked_disks, bucket, hooks, node)
 		pr_crit("zorvat: %s: operations replaced by somebody else point here\n",
 			hooks->disk->disk_name);
 	destroy_workqueue(last_puts);

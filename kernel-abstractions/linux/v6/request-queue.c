@@ -4,8 +4,6 @@
  * wait in a list until the request function fetches them.
  */
 #include <linux/blk-mq.h>
-#include <linux/hdreg.h>
-#include <linux/module.h>
 #include <linux/slab.h>
 
 #include "../../block.h"
@@ -15,7 +13,6 @@
 struct request_adaptor {
 	struct blk_mq_tag_set tags;
 	ka_request_fn *function;
-	const struct ka_disk_operations *operations;
 	spinlock_t lock; /* the queue's lock, and the list's */
 	struct list_head waiting;
 };
@@ -98,16 +95,6 @@ int ka_blk_end_request_cur(struct request *request, int error)
 	return 0;
 }
 
-int ka_register_blkdev(const char *name)
-{
-	return register_blkdev(0, name);
-}
-
-void ka_unregister_blkdev(unsigned int major, const char *name)
-{
-	unregister_blkdev(major, name);
-}
-
 struct gendisk *ka_alloc_disk(int minors, struct request_queue *queue)
 {
 	static struct lock_class_key lock_class;
@@ -118,47 +105,7 @@ struct gendisk *ka_alloc_disk(int minors, struct request_queue *queue)
 	return disk;
 }
 
-static int getgeo(struct block_device *bdev, struct hd_geometry *kernel)
-{
-	struct ka_disk_geometry geometry = {};
-	int err = adaptor_of(bdev_get_queue(bdev))->operations->getgeo(bdev, &geometry);
-
-	kernel->heads = geometry.heads;
-	kernel->sectors = geometry.sectors;
-	kernel->cylinders = geometry.cylinders;
-	kernel->start = geometry.start;
-	return err;
-}
-
-static const struct block_device_operations disk_fops = {
-	.owner = THIS_MODULE,
-	.getgeo = getgeo,
-};
-
-void ka_disk_describe(struct gendisk *disk, unsigned int major, const char *name,
-		      const struct ka_disk_operations *operations, ka_sector_t capacity)
-{
-	adaptor_of(disk->queue)->operations = operations;
-	set_disk_ro(disk, true);
-	disk->major = major;
-	disk->first_minor = 0;
-	disk->flags |= GENHD_FL_NO_PART;
-	disk->fops = &disk_fops;
-	strscpy(disk->disk_name, name, sizeof(disk->disk_name));
-	set_capacity(disk, capacity);
-}
-
 int ka_add_disk(struct gendisk *disk)
 {
 	return add_disk(disk);
-}
-
-void ka_del_gendisk(struct gendisk *disk)
-{
-	del_gendisk(disk);
-}
-
-void ka_put_disk(struct gendisk *disk)
-{
-	put_disk(disk);
 }

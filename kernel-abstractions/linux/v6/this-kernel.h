@@ -4,6 +4,7 @@
 #define KA_V6_THIS_KERNEL_H
 
 #include <linux/blkdev.h>
+#include <linux/module.h>
 #include <linux/netlink.h>
 #include <linux/printk.h>
 #include <linux/rcupdate.h>
@@ -12,6 +13,8 @@
 #include <linux/uaccess.h>
 #include <linux/vmalloc.h>
 #include <net/genetlink.h>
+
+#define KERNEL_DISK_WITHOUT_PARTITIONS GENHD_FL_NO_PART
 
 static inline void kernel_vprintk(int level, const char *format, va_list args)
 {
@@ -68,6 +71,20 @@ static inline void kernel_sysfs_reprotect(void *protection)
 static inline u32 kernel_genl_portid(const struct genl_info *info)
 {
 	return info->snd_portid;
+}
+
+static inline int kernel_genl_register(struct genl_family *family, struct genl_ops *ops,
+				       size_t count)
+{
+	size_t i;
+
+	for (i = 0; i < count; i++)
+		ops[i].validate = GENL_DONT_VALIDATE_STRICT | GENL_DONT_VALIDATE_DUMP;
+	family->module = THIS_MODULE;
+	family->ops = ops;
+	family->n_ops = count;
+	family->resv_start_op = U8_MAX; /* headers are not checked for reserved bits, as ever */
+	return genl_register_family(family);
 }
 
 static inline void kernel_netlink_ack(struct sk_buff *request, struct nlmsghdr *header, int error)
