@@ -118,13 +118,16 @@ static ssize_t read_bin_file(struct file *file, struct kobject *kobj, struct bin
 {
 	struct ka_bin_attribute *attribute = KA_CONTAINER(battr, struct ka_bin_attribute, kernel);
 	struct kobject *parent = kobject_get(kobj->parent);
-	void *protection;
+	struct kernel_bin_read read;
 	ssize_t result;
 
 	kobject_get(kobj);
-	protection = kernel_sysfs_unprotect(kobj, &battr->attr);
-	result = attribute->read(file, contract_kobject(kobj), attribute, buffer, offset, count);
-	kernel_sysfs_reprotect(protection);
+	result = kernel_bin_read_begins(&read, kobj, battr);
+	if (!result) {
+		result = attribute->read(file, contract_kobject(kobj), attribute, buffer, offset,
+					 count);
+		result = kernel_bin_read_ends(&read, result);
+	}
 	kobject_put(kobj);
 	kobject_put(parent);
 	return result;
@@ -149,6 +152,8 @@ void ka_sysfs_remove_bin_file(struct ka_kobject *kobj, struct ka_bin_attribute *
 {
 	struct bin_attribute *battr = KA_OBJECT(struct bin_attribute, &attribute->kernel);
 
-	if (battr->attr.name && KA_OBJECT(struct kobject, kobj)->sd)
-		sysfs_remove_bin_file(KA_OBJECT(struct kobject, kobj), battr);
+	if (!battr->attr.name || !KA_OBJECT(struct kobject, kobj)->sd)
+		return;
+	kernel_bin_reads_give_way(battr);
+	sysfs_remove_bin_file(KA_OBJECT(struct kobject, kobj), battr);
 }
