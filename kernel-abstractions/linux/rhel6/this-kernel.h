@@ -4,6 +4,7 @@
 #define KA_RHEL6_THIS_KERNEL_H
 
 #include <linux/blkdev.h>
+#include <linux/fs.h>
 #include <linux/genhd.h>
 #include <linux/kernel.h>
 #include <linux/netlink.h>
@@ -74,6 +75,11 @@ static inline void *kernel_sysfs_unprotect(struct kobject *kobj, const struct at
 
 static inline void kernel_sysfs_reprotect(void *protection)
 {
+}
+
+static inline void kernel_filp_close(struct file *file)
+{
+	filp_close(file, NULL);
 }
 
 static inline u32 kernel_genl_portid(const struct genl_info *info)
