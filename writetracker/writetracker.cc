@@ -10,6 +10,8 @@
 #include "atomic.h"
 #include "build-info.h"
 #include "control-device.h"
+#include "dm-patcher.h"
+#include "guards.h"
 #include "udev-patcher.h"
 #include "version.h"
 #include "volume-ioctl.h"
@@ -49,6 +51,8 @@ writetracker_context wt_context = {
 	0,
 };
 
+Atomic<int> wt_unpinned_calls;
+
 static ka_delayed_work _init_work;
 static Atomic<bool> _flag_to_exit;
 
@@ -73,6 +77,10 @@ static int start_subsystems()
 		WT_ERROR("Error patching udev (%d)\n", err);
 	else if ((err = init_volume_ioctl()) != 0)
 		WT_ERROR("Unable to initialize volume ioctl (%d)\n", err);
+	else if ((err = dmp_init()) != 0)
+		WT_ERROR("Error initializing the dm-processor(%d)\n", err);
+	else if ((err = dm_patch()) != 0)
+		WT_ERROR("Error Patching the dm-control device(%d)\n", err);
 	else if ((err = init_control_device()) != 0)
 		WT_ERROR("Unable to initialize control device (%d)\n", err);
 	return err;
@@ -82,6 +90,8 @@ static int start_subsystems()
 static void undo_subsystems()
 {
 	cleanup_control_device();
+	dm_unpatch();
+	dmp_uninit();
 	cleanup_volume_ioctl();
 	volume_manager_cleanup(); // no disk may keep a table that lies in a record
 	volume_registry_cleanup();
@@ -147,6 +157,8 @@ int init_module(void)
 		return err;
 	volume_registry_setup();
 	udev_patcher_setup();
+	dm_processor_setup();
+	dm_patcher_setup();
 	ka_init_completion(&wt_context.init_completion);
 	ka_init_completion(&wt_context.deinit_completion);
 	ka_init_delayed_work(&_init_work, init_subsystems);
@@ -167,6 +179,7 @@ void cleanup_module(void)
 	ka_wait_for_completion(&wt_context.init_completion);
 
 	cleanup_control_device();
+	dm_unpatch(); // deliberate: what the dm-processor knows is not freed here
 	cleanup_volume_ioctl();
 	udev_unpatch();
 	volume_manager_cleanup();
@@ -178,9 +191,9 @@ void cleanup_module(void)
 	ka_kobject_put(&wt_context.kobj);
 	ka_wait_for_completion(&wt_context.deinit_completion);
 
-	// Whoever was on the way out of one of the driver's functions is out after this.
+	// Whoever was in one of the driver's functions, or on the way out, is out after this.
 	const unsigned long start = ka_jiffies();
-	while (ka_jiffies() - start <= UNLOAD_LINGER)
+	while (wt_unpinned_calls.get() > 0 || ka_jiffies() - start <= UNLOAD_LINGER)
 		ka_schedule();
 	ka_exit();
 	WT_INFO("Un-initilization Complete\n");

@@ -43,6 +43,7 @@ struct ka_kernel_genl {
 	X(DELAYED_WORK, struct delayed_work)                                                       \
 	X(BLOCK_DEVICE_OPERATIONS, struct block_device_operations)                                 \
 	X(KSET_UEVENT_OPS, struct kset_uevent_ops)                                                 \
+	X(FILE_OPERATIONS, struct file_operations)                                                 \
 	X(MISCDEVICE, struct ka_kernel_misc)                                                       \
 	X(GENL_FAMILY, struct ka_kernel_genl)
 

@@ -526,7 +526,7 @@ TEST_F(Volume, UnloadWithAHookOnTopOfOurs)
 		  1);
 	EXPECT_EQ(ours, &writetracker_mrqfn);
 	// Its live bitmap is lost with it.
-	EXPECT_EQ(model::leaks().size(), 1u);
+	EXPECT_EQ(leaks().size(), 1u);
 	kernel_is_dead();
 }
 

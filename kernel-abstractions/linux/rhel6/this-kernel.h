@@ -4,6 +4,7 @@
 #define KA_RHEL6_THIS_KERNEL_H
 
 #include <linux/blkdev.h>
+#include <linux/fs.h>
 #include <linux/genhd.h>
 #include <linux/kernel.h>
 #include <linux/netlink.h>
@@ -80,6 +81,11 @@ int kernel_bin_read_begins(struct kernel_bin_read *read, struct kobject *kobj,
 			   struct bin_attribute *battr);
 ssize_t kernel_bin_read_ends(struct kernel_bin_read *read, ssize_t result);
 void kernel_bin_reads_give_way(struct bin_attribute *battr);
+
+static inline void kernel_filp_close(struct file *file)
+{
+	filp_close(file, NULL);
+}
 
 static inline u32 kernel_genl_portid(const struct genl_info *info)
 {

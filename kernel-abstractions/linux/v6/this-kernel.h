@@ -4,6 +4,8 @@
 #define KA_V6_THIS_KERNEL_H
 
 #include <linux/blkdev.h>
+#include <linux/file.h>
+#include <linux/fs.h>
 #include <linux/module.h>
 #include <linux/netlink.h>
 #include <linux/printk.h>
@@ -12,6 +14,7 @@
 #include <linux/sysfs.h>
 #include <linux/uaccess.h>
 #include <linux/vmalloc.h>
+#include <linux/workqueue.h>
 #include <net/genetlink.h>
 
 #define KERNEL_DISK_WITHOUT_PARTITIONS GENHD_FL_NO_PART
@@ -77,6 +80,32 @@ static inline ssize_t kernel_bin_read_ends(struct kernel_bin_read *read, ssize_t
 
 static inline void kernel_bin_reads_give_way(struct bin_attribute *battr)
 {
+}
+
+struct kernel_file_to_close {
+	struct work_struct work;
+	struct file *file;
+};
+
+static inline void kernel_close_file(struct work_struct *work)
+{
+	struct file *file = container_of(work, struct kernel_file_to_close, work)->file;
+
+	get_file(file);
+	filp_close(file, NULL);
+	__fput_sync(file);
+}
+
+/* A process releases its files on its way back to user space, which is too late; a kernel thread
+ * can do it at once. */
+static inline void kernel_filp_close(struct file *file)
+{
+	struct kernel_file_to_close close = {.file = file};
+
+	INIT_WORK_ONSTACK(&close.work, kernel_close_file);
+	schedule_work(&close.work);
+	flush_work(&close.work);
+	destroy_work_on_stack(&close.work);
 }
 
 static inline u32 kernel_genl_portid(const struct genl_info *info)
