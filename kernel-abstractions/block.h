@@ -6,7 +6,7 @@
 #ifndef KA_BLOCK_H
 #define KA_BLOCK_H
 
-#include "types.h"
+#include "sync.h"
 
 KA_BEGIN_DECLS
 
@@ -136,25 +136,81 @@ int ka_fops_call_ioctl(const struct ka_block_device_operations *fops, enum ka_io
 /* Called under the queue's lock, in any context, when there may be requests to fetch. */
 typedef void ka_request_fn(struct request_queue *queue);
 
-/* How a disk of the driver's is described to the block layer. */
+struct ka_disk_owner;
+
 struct ka_disk_geometry {
 	unsigned char heads, sectors;
 	unsigned short cylinders;
 	unsigned long start;
 };
 
-/* The operations of a disk of the driver's. Static storage; the module is the owner. */
+/* The operations of a disk of the driver's, in process context. Null: nothing to do. */
 struct ka_disk_operations {
-	int (*getgeo)(struct block_device *bdev, struct ka_disk_geometry *geometry);
+	int (*open)(struct ka_disk_owner *owner);
+	int (*release)(struct ka_disk_owner *owner);
+	int (*getgeo)(struct ka_disk_owner *owner, struct ka_disk_geometry *geometry);
 };
 
-/* A queue with a lock of its own that calls the function. Null when memory is short. */
-struct request_queue *ka_blk_init_queue(ka_request_fn *function);
+/* What disk and queue know their record by. Embedded in it; lives as long as both. */
+struct ka_disk_owner {
+	const struct ka_disk_operations *operations;
+};
+
+/* A disk whose queue is the driver's is described to the block layer by this. */
+struct ka_disk_description {
+	unsigned int major; /* its first minor is 0 */
+	const char *name;
+	ka_sector_t capacity;
+	int read_only;
+	int without_partitions; /* they are never looked for */
+};
+
+/*
+ * A queue that calls the function, under that lock or, for null, one of its own. At most `depth`
+ * requests are under way. Segments of a bio on it are contiguous but for the pages' boundaries: only
+ * the first may begin inside a page and only the last end there. Null when memory is short.
+ */
+struct request_queue *ka_blk_init_queue(ka_request_fn *function, struct ka_spinlock *lock,
+					unsigned int depth, struct ka_disk_owner *owner);
 void ka_blk_cleanup_queue(struct request_queue *queue);
-/* The next request, started; null when there is none. In a request function only. */
+struct ka_disk_owner *ka_queue_owner(struct request_queue *queue);
+/* In bytes. -EINVAL, with a line in the kernel log, for one that this kernel cannot have. */
+int ka_blk_queue_block_size(struct request_queue *queue, unsigned short logical,
+			    unsigned int physical);
+
+/* These five are called with the queue's lock held. */
+
+/* The next request, started; null when there is none or the queue is stopped. */
 struct request *ka_blk_fetch_request(struct request_queue *queue);
-/* Ends the current chunk of a request; returns 0 when that was the last. In a request function. */
-int ka_blk_end_request_cur(struct request *request, int error);
+/* Gives a request back that was fetched: it will be the next one. */
+void ka_blk_requeue_request(struct request_queue *queue, struct request *request);
+/* Until the start, the request function is not called. The start calls it. */
+void ka_blk_stop_queue(struct request_queue *queue);
+void ka_blk_start_queue(struct request_queue *queue);
+/* Ends the whole request: 0 or a negative error. */
+void ka_blk_end_request_all(struct request *request, int error);
+
+/* Whether it reads or writes for a file system or a process, rather than commands the device. */
+int ka_request_is_fs(const struct request *request);
+
+/*
+ * The bios of a request that was fetched and has not ended, in their order. Unlike a struct ka_bio
+ * they are the request's and do not change meanwhile.
+ */
+struct bio;
+struct bio *ka_request_first_bio(struct request *request); /* null: a request without data */
+struct bio *ka_request_next_bio(struct bio *bio);
+
+struct ka_bio_extent {
+	ka_sector_t sector; /* on the disk */
+	uint64_t bytes;
+	int is_write;
+	unsigned int offset; /* of the first segment in its page */
+};
+void ka_request_bio_extent(const struct bio *bio, struct ka_bio_extent *extent);
+/* Calls back for each page segment in order, with its page's frame number, until non-zero. */
+int ka_request_bio_for_each_page(struct bio *bio, int (*callback)(void *arg, unsigned long pfn),
+				 void *arg);
 
 /* A block major: the number, which is dynamic, or a negative error. */
 int ka_register_blkdev(const char *name);
@@ -162,12 +218,21 @@ void ka_unregister_blkdev(unsigned int major, const char *name);
 
 /* A disk with that many minors, not yet in the system, not owning its queue. Null when short. */
 struct gendisk *ka_alloc_disk(int minors, struct request_queue *queue);
-/* Before ka_add_disk. The partitions are never shown and the disk is read-only. */
-void ka_disk_describe(struct gendisk *disk, unsigned int major, const char *name,
-		      const struct ka_disk_operations *operations, ka_sector_t capacity);
-int ka_add_disk(struct gendisk *disk);
-void ka_del_gendisk(struct gendisk *disk); /* only after ka_add_disk succeeded */
-void ka_put_disk(struct gendisk *disk);    /* the last use; before ka_blk_cleanup_queue */
+/* Before ka_add_disk. */
+void ka_disk_describe(struct gendisk *disk, struct ka_disk_owner *owner,
+		      const struct ka_disk_description *description);
+/* Its name; at most 31 characters. */
+const char *ka_disk_name(const struct gendisk *disk);
+int ka_disk_is_read_only(const struct gendisk *disk);
+/*
+ * Enters the disk, and reads its partitions. A disk may be entered again after it was deleted: a
+ * kernel that cannot do that puts a fresh one, described alike, in the place of *disk.
+ */
+int ka_add_disk(struct gendisk **disk);
+/* Only after ka_add_disk succeeded. Requests under way come to their end first. */
+void ka_del_gendisk(struct gendisk *disk);
+/* The last use of the disk. The queue may have been cleaned up before or not. */
+void ka_put_disk(struct gendisk *disk);
 
 KA_END_DECLS
 

@@ -73,6 +73,9 @@ struct ka_kobject *ka_kobject_get(struct ka_kobject *kobj);
 /* Drops one; the last calls the type's release. May sleep. */
 void ka_kobject_put(struct ka_kobject *kobj);
 
+/* The number of references at this moment. Any context. */
+unsigned int ka_kobject_references(const struct ka_kobject *kobj);
+
 /*
  * A binary file of an object. The driver fills the fields before `kernel`; a copy may be made
  * while the file does not exist. The struct stays where it is while the file exists.

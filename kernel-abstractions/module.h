@@ -23,6 +23,8 @@ void ka_exit(void);
  */
 int ka_module_get(void);
 void ka_module_put(void);
+/* The same for somebody who knows that it is not being unloaded. */
+void ka_module_hold(void);
 
 /* 16 random bytes with the version-4 and variant bits of a UUID. */
 void ka_generate_random_uuid(unsigned char uuid[16]);

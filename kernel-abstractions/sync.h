@@ -36,6 +36,16 @@ void ka_up_read(struct ka_rwsem *sem);
 void ka_down_write(struct ka_rwsem *sem);
 void ka_up_write(struct ka_rwsem *sem);
 
+/* For what is touched in atomic context. */
+struct ka_spinlock {
+	KA_STORAGE(SPINLOCK);
+};
+
+void ka_spin_lock_init(struct ka_spinlock *lock, const char *name);
+/* Interrupts are off until the unlock, which gets the lock's result. Nothing may sleep between. */
+unsigned long ka_spin_lock_irqsave(struct ka_spinlock *lock);
+void ka_spin_unlock_irqrestore(struct ka_spinlock *lock, unsigned long flags);
+
 struct ka_completion {
 	KA_STORAGE(COMPLETION);
 };

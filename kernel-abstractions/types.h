@@ -80,7 +80,12 @@ enum {
 	KA_EEXIST = 17,
 	KA_EINVAL = 22,
 	KA_EFBIG = 27,
+	KA_EPIPE = 32,
 	KA_EMSGSIZE = 90,
+	KA_ECONNRESET = 104,
+	KA_ENOTCONN = 107,
+	KA_EINPROGRESS = 115,
+	KA_ERESTARTSYS = 512, /* a signal arrived; never seen by user space */
 	KA_ENOIOCTLCMD = 515 /* not an ioctl of this driver; user space sees ENOTTY */
 };
 
