@@ -178,7 +178,7 @@ struct ka_disk_owner *ka_queue_owner(struct request_queue *queue);
 int ka_blk_queue_block_size(struct request_queue *queue, unsigned short logical,
 			    unsigned int physical);
 
-/* These five are called with the queue's lock held. */
+/* The next six are called with the queue's lock held. */
 
 /* The next request, started; null when there is none or the queue is stopped. */
 struct request *ka_blk_fetch_request(struct request_queue *queue);
@@ -187,6 +187,8 @@ void ka_blk_requeue_request(struct request_queue *queue, struct request *request
 /* Until the start, the request function is not called. The start calls it. */
 void ka_blk_stop_queue(struct request_queue *queue);
 void ka_blk_start_queue(struct request_queue *queue);
+/* Ends the current chunk of a request; returns 0 when that was the last. */
+int ka_blk_end_request_cur(struct request *request, int error);
 /* Ends the whole request: 0 or a negative error. */
 void ka_blk_end_request_all(struct request *request, int error);
 
