@@ -30,9 +30,21 @@ static hbitmap *readable_bitmap(const volume_info *volume)
 	return volume->vi_bitmap_snapshot ? volume->vi_bitmap_snapshot : volume->vi_bitmap.get();
 }
 
+// A withdrawn volume's file goes with the directory.
 static void remove_bitmap_file(volume_info *volume)
 {
-	ka_sysfs_remove_bin_file(&volume->kobj, &volume->vi_cbt);
+	if (!volume->vi_iswithdrawn)
+		ka_sysfs_remove_bin_file(&volume->kobj, &volume->vi_cbt);
+}
+
+// Takes the volume's directory away, with vi_mtx held before and after: the removal waits for the
+// processes that use the files, and these wait for vi_mtx.
+static void withdraw_directory(volume_info *volume)
+{
+	volume->vi_iswithdrawn = 1;
+	ka_mutex_unlock(&volume->vi_mtx);
+	ka_kobject_del(&volume->kobj);
+	ka_mutex_lock(&volume->vi_mtx);
 }
 
 // Opens a device that must have a disk. False when there is nothing to do, with the result.
@@ -147,6 +159,7 @@ int volume_remove(ka_dev_t dev)
 	err = stop_tracking_of_removed(volume.get());
 	if (err != 0)
 		return err;
+	withdraw_directory(volume.get());
 	err = remove_volume_info(dev);
 	if (err != 0)
 		WT_ERROR("Unable to remove volinfo object from registy\n");
@@ -234,6 +247,8 @@ static int begin_tracking(volume_info *volume, backUp *backup)
 		WT_WARN("Tracking of partitions is not supported\n");
 		return -KA_EINVAL;
 	}
+	if (volume->vi_iswithdrawn)
+		return -KA_EINVAL;
 	int err = volume_info_start_tracking(volume);
 	if (err != 0)
 		return err;
@@ -416,6 +431,8 @@ int volume_manager_getswitchcount(volume_info *volume)
 static void volume_manager_cleanup_helper(volume_info *volume)
 {
 	MutexLock lock(volume->vi_mtx);
+	// First, so that nobody starts tracking what is left to the end of the driver.
+	withdraw_directory(volume);
 	if (is_whole_disk(volume) && volume_ioctl_unpatch(volume) != 0) {
 		WT_ERROR("Unable to patch the unpatch ioctl of the volume\n");
 		return;

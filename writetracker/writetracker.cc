@@ -17,6 +17,7 @@
 #include "volume-ioctl.h"
 #include "volume-manager.h"
 #include "volume-registry.h"
+#include "writetracker-sysfs.h"
 #include "wt-logging.h"
 
 static constexpr wt_log_group wt_group = WT_LOG_GROUP_WRITETRACKER;
@@ -62,7 +63,8 @@ static void cleanup_module_context(ka_kobject *)
 	ka_complete_all(&wt_context.deinit_completion);
 }
 
-static ka_kobj_type writetracker_context_type = {cleanup_module_context, {}};
+static ka_kobj_type writetracker_context_type = {
+	cleanup_module_context, &g_wt_sysfs_ops, g_wt_sysfs_attr, {}};
 
 // Runs the start-up stages up to the first that fails; 0 or that one's error.
 static int start_subsystems()
@@ -183,6 +185,9 @@ void cleanup_module(void)
 	volume_manager_cleanup();
 	volume_registry_cleanup();
 
+	// Here, since a reader of "version" could otherwise be the one to drop the last reference,
+	// and wait for itself.
+	ka_kobject_del(&wt_context.kobj);
 	ka_kobject_put(&wt_context.kobj);
 	ka_wait_for_completion(&wt_context.deinit_completion);
 

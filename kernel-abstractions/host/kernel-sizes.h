@@ -13,6 +13,7 @@
 
 /* Objects that the model keeps elsewhere, by address; storage that nothing reads. */
 #define KA_SIZEOF_KOBJ_TYPE     8
+#define KA_SIZEOF_ATTRIBUTE     8
 #define KA_SIZEOF_BIN_ATTRIBUTE 8
 #define KA_SIZEOF_DELAYED_WORK  8
 #define KA_SIZEOF_MISCDEVICE    8

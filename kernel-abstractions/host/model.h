@@ -172,6 +172,14 @@ void on_reclaim(std::function<void()> action);
 
 bool sysfs_exists(const std::string &path); /* a directory or a file */
 std::vector<std::string> sysfs_list(const std::string &directory);
+int sysfs_mode(const std::string &path); /* a file's permission bits; -ENOENT without one */
+struct SysfsText {
+	long result;      /* of the show function, or -ENOENT, -EACCES as its open gives */
+	std::string text; /* what a reader gets */
+};
+/* Text files: both keep the object's directory from going, as its removal waits for them. */
+SysfsText sysfs_show(const std::string &path);
+long sysfs_store(const std::string &path, const std::string &text);
 /* One read of a binary file, at most a page: what its function returned; -ENOENT without one. */
 long sysfs_read(const std::string &path, std::span<char> buffer, long long offset = 0);
 

@@ -38,6 +38,7 @@ struct ka_kernel_genl {
 	X(COMPLETION, struct completion)                                                           \
 	X(KOBJECT, struct kobject)                                                                 \
 	X(KOBJ_TYPE, struct kobj_type)                                                             \
+	X(ATTRIBUTE, struct attribute)                                                             \
 	X(BIN_ATTRIBUTE, struct bin_attribute)                                                     \
 	X(DELAYED_WORK, struct delayed_work)                                                       \
 	X(BLOCK_DEVICE_OPERATIONS, struct block_device_operations)                                 \

@@ -59,16 +59,27 @@ static inline struct kobject *kernel_kobject_get(struct kobject *kobj)
 	return kobject_get_unless_zero(kobj);
 }
 
-/* Lets the removal of a file go ahead while it is being read. */
-static inline void *kernel_sysfs_unprotect(struct kobject *kobj, const struct attribute *attr)
+/* A read of a binary file: the file's removal goes ahead meanwhile. */
+struct kernel_bin_read {
+	struct kernfs_node *protection;
+};
+
+static inline int kernel_bin_read_begins(struct kernel_bin_read *read, struct kobject *kobj,
+					 struct bin_attribute *battr)
 {
-	return kobj->sd ? sysfs_break_active_protection(kobj, attr) : NULL;
+	read->protection = kobj->sd ? sysfs_break_active_protection(kobj, &battr->attr) : NULL;
+	return 0;
 }
 
-static inline void kernel_sysfs_reprotect(void *protection)
+static inline ssize_t kernel_bin_read_ends(struct kernel_bin_read *read, ssize_t result)
 {
-	if (protection)
-		sysfs_unbreak_active_protection(protection);
+	if (read->protection)
+		sysfs_unbreak_active_protection(read->protection);
+	return result;
+}
+
+static inline void kernel_bin_reads_give_way(struct bin_attribute *battr)
+{
 }
 
 struct kernel_file_to_close {
