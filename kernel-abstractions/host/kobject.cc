@@ -218,6 +218,7 @@ int ka_kobject_add(ka_kobject *kobj, ka_kobject *parent, const char *name)
 void ka_kobject_del(ka_kobject *kobj)
 {
 	might_sleep("ka_kobject_del");
+	injected("ka_kobject_del", 0);
 	ka_kobject *parent = nullptr;
 	{
 		std::lock_guard guard(state().lock);
