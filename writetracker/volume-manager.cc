@@ -30,9 +30,22 @@ static hbitmap *readable_bitmap(const volume_info *volume)
 	return volume->vi_bitmap_snapshot ? volume->vi_bitmap_snapshot : volume->vi_bitmap.get();
 }
 
+// A removed volume has no directory any more; its file went before that.
 static void remove_bitmap_file(volume_info *volume)
 {
-	ka_sysfs_remove_bin_file(&volume->kobj, &volume->vi_cbt);
+	if (!volume->vi_isremoved)
+		ka_sysfs_remove_bin_file(&volume->kobj, &volume->vi_cbt);
+}
+
+// With vi_mtx held; the bitmap's file is gone. Whoever looked the volume up before and waits for
+// vi_mtx finds it marked, and neither tracks it nor touches its directory.
+static int forget_volume(volume_info *volume)
+{
+	volume->vi_isremoved = 1;
+	int err = remove_volume_info(volume->vi_devt);
+	if (err != 0)
+		WT_ERROR("Unable to remove volinfo object from registy\n");
+	return err;
 }
 
 // Opens a device that must have a disk. False when there is nothing to do, with the result.
@@ -147,10 +160,8 @@ int volume_remove(ka_dev_t dev)
 	err = stop_tracking_of_removed(volume.get());
 	if (err != 0)
 		return err;
-	err = remove_volume_info(dev);
-	if (err != 0)
-		WT_ERROR("Unable to remove volinfo object from registy\n");
-	else
+	err = forget_volume(volume.get());
+	if (err == 0)
 		WT_INFO("removed volume %d:%d\n", ka_major(dev), ka_minor(dev));
 	return err;
 }
@@ -230,6 +241,8 @@ static int follow_silent_resize(volume_info *volume)
 // With vi_mtx held, on an untracked volume.
 static int begin_tracking(volume_info *volume, backUp *backup)
 {
+	if (volume->vi_isremoved)
+		return -KA_EINVAL;
 	if (!is_whole_disk(volume)) {
 		WT_WARN("Tracking of partitions is not supported\n");
 		return -KA_EINVAL;
@@ -422,14 +435,13 @@ static void volume_manager_cleanup_helper(volume_info *volume)
 	}
 	if (volume->vi_istracked) {
 		int err = volume_info_stop_tracking(volume, true);
-		if (err == 0)
-			remove_bitmap_file(volume);
+		// Even on failure: the directory, which goes next, would take it along.
+		remove_bitmap_file(volume);
 		WT_INFO("Tracking for volume %s being stopped\n", volume->vi_dname);
 		if (err != 0)
 			WT_ERROR("Unable to stop the volume tracking on the device.\n");
 	}
-	if (remove_volume_info(volume->vi_devt) != 0)
-		WT_ERROR("Unable to remove volinfo object from registy\n");
+	forget_volume(volume);
 }
 
 int volume_manager_cleanup()
