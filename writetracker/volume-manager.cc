@@ -43,7 +43,6 @@ static void remove_bitmap_file(volume_info *volume)
 // for vi_mtx.
 static void withdraw_directory(volume_info *volume)
 {
-	remove_bitmap_file(volume);
 	volume->vi_isremoved = 1;
 	ka_mutex_unlock(&volume->vi_mtx);
 	ka_kobject_del(&volume->kobj);
@@ -441,6 +440,8 @@ static void volume_manager_cleanup_helper(volume_info *volume)
 {
 	MutexLock lock(volume->vi_mtx);
 	// First, so that nobody starts tracking what is left to the end of the driver.
+	if (volume->vi_istracked)
+		remove_bitmap_file(volume);
 	withdraw_directory(volume);
 	if (is_whole_disk(volume) && volume_ioctl_unpatch(volume) != 0) {
 		WT_ERROR("Unable to patch the unpatch ioctl of the volume\n");
