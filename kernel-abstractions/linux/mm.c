@@ -44,6 +44,9 @@ struct takeover {
 	struct vm_operations_struct operations;
 	atomic_t mappings; /* that have these operations */
 
+	unsigned long shown_from; /* where the pages that are shown begin, and their length */
+	size_t shown;
+
 	spinlock_t lock;            /* guards the next three */
 	struct ka_mapping *mapping; /* of the record; null when that has let go */
 	void (*closed)(struct ka_mapping *mapping, unsigned long start);
@@ -364,21 +367,36 @@ size_t ka_mapping_size(struct ka_mapping *mapping)
 	return size;
 }
 
+/* Whether the mapping is where it was when the first page was shown. */
+static bool is_in_place(const struct takeover *takeover)
+{
+	const struct vm_area_struct *vma = takeover->vma;
+
+	return vma && (!takeover->shown || vma->vm_start == takeover->shown_from);
+}
+
 /*
  * The process may have put a page of its own there, and a page is mapped only where there is none.
  * A mapping of one page would be taken for one of raw pages from end to end, which the kernel keeps
  * its books of elsewhere.
  */
-static int show_page(struct vm_area_struct *vma, size_t offset, unsigned long pfn)
+static int show_page(struct takeover *takeover, size_t offset, unsigned long pfn)
 {
-	size_t size = vma ? vma->vm_end - vma->vm_start : 0;
+	struct vm_area_struct *vma = takeover->vma;
+	size_t size = is_in_place(takeover) ? vma->vm_end - vma->vm_start : 0;
 	unsigned long address;
+	int err;
 
 	if (size <= PAGE_SIZE || offset > size - PAGE_SIZE)
 		return -EIO;
 	address = vma->vm_start + offset;
 	kernel_zap_vma_ptes(vma, address, PAGE_SIZE);
-	return remap_pfn_range(vma, address, pfn, PAGE_SIZE, vma->vm_page_prot);
+	err = remap_pfn_range(vma, address, pfn, PAGE_SIZE, vma->vm_page_prot);
+	if (err)
+		return err;
+	takeover->shown_from = vma->vm_start;
+	takeover->shown = max(takeover->shown, offset + PAGE_SIZE);
+	return 0;
 }
 
 int ka_mapping_show_page(struct ka_mapping *mapping, size_t offset, unsigned long pfn)
@@ -388,9 +406,17 @@ int ka_mapping_show_page(struct ka_mapping *mapping, size_t offset, unsigned lon
 
 	if (!enter(takeover))
 		return -EIO;
-	err = show_page(takeover->vma, offset, pfn);
+	err = show_page(takeover, offset, pfn);
 	leave(takeover);
 	return err;
+}
+
+/* Whether all pages that were shown could be seen where the first was, up to now. */
+static bool was_in_place(const struct takeover *takeover)
+{
+	const struct vm_area_struct *vma = takeover->vma;
+
+	return is_in_place(takeover) && vma->vm_end - vma->vm_start >= takeover->shown;
 }
 
 /* The end of a process takes out the pages itself. Those of a copy stay when the mapping goes. */
@@ -402,7 +428,8 @@ int ka_mapping_zap(struct ka_mapping *mapping)
 
 	if (!enter(takeover))
 		return -EIO;
-	err = takeover->vma ? 0 : -EIO;
+	err = was_in_place(takeover) ? 0 : -EIO;
+	takeover->shown = 0;
 	if (takeover->vma && atomic_read(&takeover->mappings) == 1)
 		zap(takeover->vma);
 	else
