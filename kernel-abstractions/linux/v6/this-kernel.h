@@ -157,6 +157,13 @@ static inline void kernel_mmap_write_lock(struct mm_struct *mm)
 	mmap_write_lock(mm);
 }
 
+/* A fault that holds it and waits for this thread's work ends when the process is killed. */
+static inline bool kernel_mmap_write_lock_in_time(struct mm_struct *mm)
+{
+	mmap_write_lock(mm);
+	return true;
+}
+
 static inline bool kernel_mmap_write_trylock(struct mm_struct *mm)
 {
 	return mmap_write_trylock(mm);
