@@ -16,8 +16,9 @@ cases() {
 }
 
 set_each_scheduler() {
-	local scheduler
-	for scheduler in $(tr -d '[]' <"$(sysfs_of "$disk")/queue/scheduler"); do
+	local scheduler all
+	all=$(tr -d '[]' <"$(sysfs_of "$disk")/queue/scheduler" | tr ' ' ,)
+	for scheduler in $(echo "${schedulers:-$all}" | tr , ' '); do
 		echo "$scheduler" >"$(sysfs_of "$disk")/queue/scheduler"
 		usleep 100000
 	done
@@ -89,9 +90,9 @@ follows_detached_loop() {
 	eventually 10 is_known_as_it_is "$disk"
 	zorvatctl start "$disk"
 	run_fio --number_ios=10
-	losetup -d "$disk"
+	change_size losetup -d "$disk"
 	eventually 5 fails is_tracked "$disk"
-	losetup "$disk" /tmp/loop-image
+	change_size losetup "$disk" /tmp/loop-image
 	start_tracking "$disk"
 	zorvatctl stop "$disk"
 }
@@ -101,7 +102,7 @@ stops_at_resize() {
 	eventually 10 is_known_as_it_is "$disk"
 	zorvatctl start "$disk"
 	truncate -s 48M /tmp/loop-image
-	losetup -c "$disk"
+	change_size losetup -c "$disk"
 	eventually 5 fails is_tracked "$disk"
 	start_tracking "$disk"
 	dd if=/dev/urandom of="$disk" bs=64k seek=700 count=1 oflag=direct 2>/dev/null
