@@ -41,9 +41,9 @@ protected:
 		return run(command, DmRequest{.dev = dev, .targets = targets}.bytes(),
 			   DmRequest{.dev = dev}.bytes());
 	}
-	Outcome status(ka_dev_t dev, const Targets &targets, uint32_t flags = DM_STATUS_TABLE_FLAG)
+	Outcome status(ka_dev_t dev, const Targets &targets)
 	{
-		return run(DM_TABLE_STATUS, DmRequest{.dev = dev, .flags = flags}.bytes(),
+		return run(DM_TABLE_STATUS, status_request,
 			   DmRequest{.dev = dev, .targets = targets}.bytes(true));
 	}
 	Outcome resume(ka_dev_t dev, const std::string &name, uint32_t flags = 0)
@@ -82,6 +82,7 @@ protected:
 	const DmTarget snapshot = {"snapshot", "253:1 253:2 P 8"};
 	const DmTarget linear = {"linear", "254:0 2048"};
 	const DmTarget striped = {"striped", "2 128 254:0 0 254:16 0"};
+	const DmBytes status_request = DmRequest{.flags = DM_STATUS_TABLE_FLAG}.bytes();
 	dmp_handle handle = {nullptr, 4711, false};
 };
 
@@ -191,7 +192,9 @@ TEST_F(DmProcessor, StatusTeachesTheTableButDoesNotArm)
 	EXPECT_EQ(status(dm(3), {snapshot}), success);
 	EXPECT_FALSE(resume_switches());
 	load_snapshot();
-	EXPECT_EQ(status(dm(3), {linear}, 0), success); // the state, not the table
+	EXPECT_EQ(run(DM_TABLE_STATUS, DmRequest{}.bytes(), // of the state, not of the table
+		      DmRequest{.dev = dm(3), .targets = {linear}}.bytes(true)),
+		  success);
 	EXPECT_EQ(status(dm(3), {snapshot}), success);
 	EXPECT_TRUE(resume_switches());
 	load_snapshot();
@@ -301,7 +304,7 @@ TEST_F(DmProcessor, AllTargetsAreWalked)
 	EXPECT_EQ(load(dm(3), {striped, linear, striped, snapshot}), success);
 	EXPECT_TRUE(resume_switches());
 	dmp_uninit();
-	status(dm(0), {striped, linear, striped, {"snapshot-origin", "253:1"}});
+	status(dm(0), {linear, striped, linear, striped, {"snapshot-origin", "253:1"}});
 	load_snapshot();
 	status(dm(3), {striped, linear, striped});
 	status(dm(3), {linear, striped, snapshot, linear});
@@ -315,9 +318,7 @@ TEST_F(DmProcessor, TablesThatTeachNothing)
 	load_origin();
 	load_snapshot();
 	const DmRequest full = {dm(3), "vg-x", {linear}, DM_BUFFER_FULL_FLAG};
-	EXPECT_EQ(run(DM_TABLE_STATUS, DmRequest{.flags = DM_STATUS_TABLE_FLAG}.bytes(),
-		      full.bytes(true)),
-		  Outcome(-1, 0));
+	EXPECT_EQ(run(DM_TABLE_STATUS, status_request, full.bytes(true)), Outcome(-1, 0));
 	EXPECT_THAT(
 		model::log(),
 		ElementsAre(warn_line("Unable to retrieve information of all the targets (buffer "
@@ -383,16 +384,15 @@ TEST_F(DmProcessor, NothingOutsideTheBufferIsRead)
 	load_origin();
 	for (auto &c : cases) {
 		SCOPED_TRACE(c.what);
-		for (DmBytes bytes : {table.bytes(), table.bytes(true)}) {
+		for (bool is_answer : {false, true}) {
+			DmBytes bytes = table.bytes(is_answer);
 			ASSERT_EQ(bytes.size(), end);
 			header(bytes)->data_start = c.data_start;
 			header(bytes)->target_count = c.target_count;
 			memcpy(&bytes[first + offsetof(dm_target_spec, next)], &c.next, 4);
 			bytes.back() = c.last;
-			const bool is_request = bytes[first + 56 + 20] == 56;
-			const DmBytes in = DmRequest{.flags = DM_STATUS_TABLE_FLAG}.bytes();
-			EXPECT_EQ(is_request ? run(DM_TABLE_LOAD, bytes, bytes)
-					     : run(DM_TABLE_STATUS, in, bytes),
+			EXPECT_EQ(is_answer ? run(DM_TABLE_STATUS, status_request, bytes)
+					    : run(DM_TABLE_LOAD, bytes, bytes),
 				  Outcome(c.err, 0));
 		}
 	}
