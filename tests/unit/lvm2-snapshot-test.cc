@@ -117,6 +117,7 @@ TEST_F(Lvm2Snapshot, SwitchesWhenTheSnapshotIsResumed)
 TEST_F(Lvm2Snapshot, OneOfAnotherNameDoesNot)
 {
 	EXPECT_THAT(replay("daily1"), IsEmpty());
+	EXPECT_EQ(model::dm_calls().ioctls, 162);
 }
 
 } // namespace
