@@ -25,6 +25,9 @@ struct super_block;
 struct block_device *ka_open_by_devnum(ka_dev_t dev, unsigned int mode);
 void ka_blkdev_put(struct block_device *bdev, unsigned int mode);
 
+/* The number of the block device that a path names, as the calling process sees it. */
+int ka_lookup_bdev(const char *path, ka_dev_t *dev);
+
 /* Writes out everything dirty: the file system's, then the device's own pages. */
 int ka_fsync_bdev(struct block_device *bdev);
 /*

@@ -13,6 +13,33 @@ struct ka_kobject {
 	KA_STORAGE(KOBJECT);
 };
 
+/* A text file of an object. The driver fills the fields before `kernel`, with static storage. */
+struct ka_attribute {
+	const char *name;
+	unsigned short mode; /* permission bits */
+	struct {
+		KA_STORAGE(ATTRIBUTE);
+	} kernel;
+};
+
+/* Text files are read and written whole; a page bounds both. */
+#define KA_SYSFS_PAGE 4096
+
+/*
+ * How the text files of an object are read and written. Both run in the context of the process that
+ * reads or writes; the object's directory stays until they return.
+ */
+struct ka_sysfs_ops {
+	/*
+	 * Fills the page; the length of the text, or a negative error. A reader gets at most
+	 * KA_SYSFS_PAGE - 1 bytes: a greater length is cut to that without a complaint.
+	 */
+	long (*show)(struct ka_kobject *kobj, struct ka_attribute *attribute, char *page);
+	/* The length taken, or a negative error. A NUL follows the text. */
+	long (*store)(struct ka_kobject *kobj, struct ka_attribute *attribute, const char *page,
+		      size_t length);
+};
+
 /*
  * What the objects of one type share. The driver fills the first fields, with static storage; the
  * rest belongs to the layer below.
@@ -20,6 +47,10 @@ struct ka_kobject {
 struct ka_kobj_type {
 	/* Called when the last reference goes, by whoever dropped it. */
 	void (*release)(struct ka_kobject *kobj);
+	/* Null for objects without text files. */
+	const struct ka_sysfs_ops *sysfs_ops;
+	/* The files that come with the directory, in this order, up to a null; null: none. */
+	struct ka_attribute *const *default_attrs;
 	struct {
 		KA_STORAGE(KOBJ_TYPE);
 	} kernel;
@@ -32,7 +63,10 @@ void ka_kobject_init(struct ka_kobject *kobj, struct ka_kobj_type *type);
  * reference on its parent while it is one. On failure the caller still drops its reference.
  */
 int ka_kobject_add(struct ka_kobject *kobj, struct ka_kobject *parent, const char *name);
-/* Removes the directory; waits for running reads and writes of its files. */
+/*
+ * Removes the directory, if there is one, with its files. Waits for reads and writes of the text
+ * files: the caller must hold no lock that a show or store takes.
+ */
 void ka_kobject_del(struct ka_kobject *kobj);
 /* One more reference; the object, or null when it can no longer be referenced. Any context. */
 struct ka_kobject *ka_kobject_get(struct ka_kobject *kobj);
@@ -60,6 +94,7 @@ struct ka_bin_attribute {
 	} kernel;
 };
 
+/* -EINVAL for an object without a directory. Neither may run while the directory is removed. */
 int ka_sysfs_create_bin_file(struct ka_kobject *kobj, struct ka_bin_attribute *attribute);
 /* Does nothing when there is no such file. */
 void ka_sysfs_remove_bin_file(struct ka_kobject *kobj, struct ka_bin_attribute *attribute);

@@ -39,6 +39,8 @@ void *memset(void *memory, int byte, size_t size);
 int strcmp(const char *a, const char *b);
 int strncmp(const char *a, const char *b, size_t count);
 size_t strlen(const char *text);
+size_t strnlen(const char *text, size_t max);
+char *strstr(const char *text, const char *part);
 KA_END_DECLS
 #endif
 #endif

@@ -19,6 +19,8 @@ void ka_mutex_init(struct ka_mutex *mutex, const char *name);
 void ka_mutex_lock(struct ka_mutex *mutex);
 /* 0, or -EINTR with the mutex not taken when a signal arrived. */
 int ka_mutex_lock_interruptible(struct ka_mutex *mutex);
+/* Whether the mutex was free and is taken now. */
+int ka_mutex_trylock(struct ka_mutex *mutex);
 /* Does nothing to a mutex that nobody holds. */
 void ka_mutex_unlock(struct ka_mutex *mutex);
 /* Whether anybody holds it. Any context. */

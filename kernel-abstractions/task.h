@@ -17,6 +17,8 @@ void ka_schedule(void);
 /* Busy wait. Any context. */
 void ka_udelay(unsigned long microseconds);
 
+/* The calling process. */
+int ka_current_pid(void);
 /* Whether the calling process has the system-administration capability. */
 int ka_capable_sys_admin(void);
 

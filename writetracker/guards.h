@@ -7,6 +7,7 @@
 #include "../kernel-abstractions/memory.h"
 #include "../kernel-abstractions/module.h"
 #include "../kernel-abstractions/sync.h"
+#include "atomic.h"
 
 template <typename T, void (*Lock)(T *), void (*Unlock)(T *)> class ScopedLock
 {
@@ -72,17 +73,25 @@ public:
 	SchedReadSection &operator=(const SchedReadSection &) = delete;
 };
 
-// The module stays loaded while it lives, unless it is on its way out already.
+// Calls under way although the module is being unloaded. Unloading waits for them.
+extern Atomic<int> wt_unpinned_calls;
+
+// One call into the driver by somebody who keeps no reference on the module: the code stays while
+// it lives.
 class ModulePin
 {
 public:
 	ModulePin() : held(ka_module_get() != 0)
 	{
+		if (!held)
+			wt_unpinned_calls.increment();
 	}
 	~ModulePin()
 	{
 		if (held)
 			ka_module_put();
+		else
+			wt_unpinned_calls.decrement();
 	}
 	ModulePin(const ModulePin &) = delete;
 	ModulePin &operator=(const ModulePin &) = delete;

@@ -9,6 +9,7 @@
 
 #include "bucket-table.h"
 #include "guards.h"
+#include "volume-sysfs.h"
 #include "writetracker.h"
 #include "wt-logging.h"
 
@@ -63,7 +64,7 @@ static void release_volume_info(ka_kobject *kobj)
 	ka_vfree(volume_of(kobj));
 }
 
-static ka_kobj_type kobj_volinfo_type = {release_volume_info, {}};
+static ka_kobj_type kobj_volinfo_type = {release_volume_info, &g_vol_sysfs_ops, g_attr_wt, {}};
 
 void volume_registry_setup()
 {

@@ -10,11 +10,14 @@
 #include "atomic.h"
 #include "build-info.h"
 #include "control-device.h"
+#include "dm-patcher.h"
+#include "guards.h"
 #include "udev-patcher.h"
 #include "version.h"
 #include "volume-ioctl.h"
 #include "volume-manager.h"
 #include "volume-registry.h"
+#include "writetracker-sysfs.h"
 #include "wt-logging.h"
 
 static constexpr wt_log_group wt_group = WT_LOG_GROUP_WRITETRACKER;
@@ -48,6 +51,8 @@ writetracker_context wt_context = {
 	0,
 };
 
+Atomic<int> wt_unpinned_calls;
+
 static ka_delayed_work _init_work;
 static Atomic<bool> _flag_to_exit;
 
@@ -58,7 +63,8 @@ static void cleanup_module_context(ka_kobject *)
 	ka_complete_all(&wt_context.deinit_completion);
 }
 
-static ka_kobj_type writetracker_context_type = {cleanup_module_context, {}};
+static ka_kobj_type writetracker_context_type = {
+	cleanup_module_context, &g_wt_sysfs_ops, g_wt_sysfs_attr, {}};
 
 // Runs the start-up stages up to the first that fails; 0 or that one's error.
 static int start_subsystems()
@@ -71,6 +77,10 @@ static int start_subsystems()
 		WT_ERROR("Error patching udev (%d)\n", err);
 	else if ((err = init_volume_ioctl()) != 0)
 		WT_ERROR("Unable to initialize volume ioctl (%d)\n", err);
+	else if ((err = dmp_init()) != 0)
+		WT_ERROR("Error initializing the dm-processor(%d)\n", err);
+	else if ((err = dm_patch()) != 0)
+		WT_ERROR("Error Patching the dm-control device(%d)\n", err);
 	else if ((err = init_control_device()) != 0)
 		WT_ERROR("Unable to initialize control device (%d)\n", err);
 	return err;
@@ -80,6 +90,8 @@ static int start_subsystems()
 static void undo_subsystems()
 {
 	cleanup_control_device();
+	dm_unpatch();
+	dmp_uninit();
 	cleanup_volume_ioctl();
 	volume_manager_cleanup(); // no disk may keep a table that lies in a record
 	volume_registry_cleanup();
@@ -145,6 +157,8 @@ int init_module(void)
 		return err;
 	volume_registry_setup();
 	udev_patcher_setup();
+	dm_processor_setup();
+	dm_patcher_setup();
 	ka_init_completion(&wt_context.init_completion);
 	ka_init_completion(&wt_context.deinit_completion);
 	ka_init_delayed_work(&_init_work, init_subsystems);
@@ -165,17 +179,21 @@ void cleanup_module(void)
 	ka_wait_for_completion(&wt_context.init_completion);
 
 	cleanup_control_device();
+	dm_unpatch(); // deliberate: what the dm-processor knows is not freed here
 	cleanup_volume_ioctl();
 	udev_unpatch();
 	volume_manager_cleanup();
 	volume_registry_cleanup();
 
+	// Here, since a reader of "version" could otherwise be the one to drop the last reference,
+	// and wait for itself.
+	ka_kobject_del(&wt_context.kobj);
 	ka_kobject_put(&wt_context.kobj);
 	ka_wait_for_completion(&wt_context.deinit_completion);
 
-	// Whoever was on the way out of one of the driver's functions is out after this.
+	// Whoever was in one of the driver's functions, or on the way out, is out after this.
 	const unsigned long start = ka_jiffies();
-	while (ka_jiffies() - start <= UNLOAD_LINGER)
+	while (wt_unpinned_calls.get() > 0 || ka_jiffies() - start <= UNLOAD_LINGER)
 		ka_schedule();
 	ka_exit();
 	WT_INFO("Un-initilization Complete\n");

@@ -385,6 +385,23 @@ block_device *ka_open_by_devnum(ka_dev_t dev, unsigned int)
 	return static_cast<block_device *>(ka_err_ptr(-KA_ENXIO));
 }
 
+int ka_lookup_bdev(const char *path, ka_dev_t *dev)
+{
+	might_sleep("ka_lookup_bdev");
+	if (long error = injected("ka_lookup_bdev", -KA_ENOENT))
+		return static_cast<int>(error);
+	std::lock_guard guard(state().lock);
+	for (auto &disk : state().disks) {
+		for (auto &bdev : disk.devices) {
+			if (!disk.live || path != "/dev/" + bdev.dev->name)
+				continue;
+			*dev = bdev.dev->devt;
+			return 0;
+		}
+	}
+	return -KA_ENOENT;
+}
+
 void ka_blkdev_put(block_device *bdev, unsigned int)
 {
 	note("put", bdev);

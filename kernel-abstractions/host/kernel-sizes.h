@@ -9,9 +9,11 @@
 #define KA_SIZEOF_KOBJECT                 16
 #define KA_SIZEOF_BLOCK_DEVICE_OPERATIONS 40
 #define KA_SIZEOF_KSET_UEVENT_OPS         24
+#define KA_SIZEOF_FILE_OPERATIONS         32
 
 /* Objects that the model keeps elsewhere, by address; storage that nothing reads. */
 #define KA_SIZEOF_KOBJ_TYPE     8
+#define KA_SIZEOF_ATTRIBUTE     8
 #define KA_SIZEOF_BIN_ATTRIBUTE 8
 #define KA_SIZEOF_DELAYED_WORK  8
 #define KA_SIZEOF_MISCDEVICE    8

@@ -5,6 +5,7 @@
  */
 #include "kernel-abstractions/kobject.h"
 
+#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <sstream>
@@ -24,15 +25,23 @@ struct Kobject {
 	ka_kobj_type *type;
 };
 
+/* One of both. */
+struct File {
+	ka_attribute *text = nullptr;
+	ka_bin_attribute *binary = nullptr;
+};
+
 struct Directory {
 	std::string name;
 	ka_kobject *parent = nullptr;
 	bool visible = false;
-	std::map<std::string, ka_bin_attribute *> files;
+	int users = 0; /* calls of show and store in progress */
+	std::map<std::string, File> files = {};
 };
 
 struct Sysfs {
 	std::mutex lock;
+	std::condition_variable user_left;
 	std::map<ka_kobject *, Directory> objects;
 	std::vector<std::string> expected_leaks;
 };
@@ -54,7 +63,12 @@ ka_kobject *child(ka_kobject *parent, const std::string &name)
 struct Found {
 	bool directory = false;
 	ka_kobject *kobj = nullptr; /* null: /sys itself */
-	ka_bin_attribute *file = nullptr;
+	File file = {};
+
+	explicit operator bool() const
+	{
+		return directory || file.text || file.binary;
+	}
 };
 
 /* Walks a path that begins with /sys. The caller has the lock. */
@@ -74,18 +88,26 @@ Found find(const std::string &path)
 			return {};
 		auto &files = state().objects[found.kobj].files;
 		auto file = files.find(part);
-		found = {.kobj = found.kobj, .file = file == files.end() ? nullptr : file->second};
+		found = {.kobj = found.kobj, .file = file == files.end() ? File{} : file->second};
 	}
 	return found;
 }
 
-/* Takes the directory out of the tree; the parent to give back. The caller has the lock. */
-ka_kobject *hide(ka_kobject *kobj)
+/* The objects whose text files this thread is using. */
+thread_local std::vector<const ka_kobject *> in_use;
+
+/* Takes the directory out of the tree and waits for its users; the parent to give back. */
+ka_kobject *hide(ka_kobject *kobj, std::unique_lock<std::mutex> &lock)
 {
 	auto &directory = state().objects[kobj];
 	if (!directory.visible)
 		return nullptr;
+	if (std::ranges::find(in_use, kobj) != in_use.end()) {
+		violation("a directory is removed by a user of its files, who waits for itself");
+		return nullptr;
+	}
 	directory.visible = false;
+	state().user_left.wait(lock, [&] { return directory.users == 0; });
 	directory.files.clear();
 	return std::exchange(directory.parent, nullptr);
 }
@@ -96,8 +118,8 @@ void release(ka_kobject *kobj)
 		violation("ka_kobject_put: the last reference goes in atomic context");
 	ka_kobject *parent = nullptr;
 	{
-		std::lock_guard guard(state().lock);
-		parent = hide(kobj);
+		std::unique_lock lock(state().lock);
+		parent = hide(kobj, lock);
 		state().objects.erase(kobj);
 	}
 	auto &k = in<Kobject>(kobj);
@@ -107,13 +129,28 @@ void release(ka_kobject *kobj)
 		ka_kobject_put(parent);
 }
 
+void add_default_files(ka_kobject *kobj, Directory &directory)
+{
+	ka_attribute *const *attributes = in<Kobject>(kobj).type->default_attrs;
+	for (; attributes && *attributes; attributes++)
+		directory.files[(*attributes)->name].text = *attributes;
+}
+
 } // namespace
 
 bool sysfs_exists(const std::string &path)
 {
 	std::lock_guard guard(state().lock);
+	return static_cast<bool>(find(path));
+}
+
+int sysfs_mode(const std::string &path)
+{
+	std::lock_guard guard(state().lock);
 	Found found = find(path);
-	return found.directory || found.file;
+	if (found.file.text)
+		return found.file.text->mode;
+	return found.file.binary ? found.file.binary->mode : -KA_ENOENT;
 }
 
 std::vector<std::string> sysfs_list(const std::string &path)
@@ -133,18 +170,98 @@ std::vector<std::string> sysfs_list(const std::string &path)
 	return names;
 }
 
+namespace
+{
+
+/* One use of a text file: its directory stays while it lives. */
+class TextFile
+{
+public:
+	TextFile(const std::string &path, int permission)
+	{
+		std::lock_guard guard(state().lock);
+		found_ = find(path);
+		if (!found_.file.text)
+			error_ = -KA_ENOENT;
+		else if (!(found_.file.text->mode & permission))
+			error_ = -KA_EACCES;
+		if (error_)
+			return;
+		state().objects[found_.kobj].users++;
+		in_use.push_back(found_.kobj);
+	}
+	~TextFile()
+	{
+		if (error_)
+			return;
+		std::lock_guard guard(state().lock);
+		in_use.pop_back();
+		state().objects[found_.kobj].users--;
+		state().user_left.notify_all();
+	}
+	TextFile(const TextFile &) = delete;
+	TextFile &operator=(const TextFile &) = delete;
+
+	long error() const
+	{
+		return error_;
+	}
+	long show(char *page) const
+	{
+		CallIntoDriver call("a sysfs show");
+		return ops().show(found_.kobj, found_.file.text, page);
+	}
+	long store(const char *page, size_t length) const
+	{
+		CallIntoDriver call("a sysfs store");
+		return ops().store(found_.kobj, found_.file.text, page, length);
+	}
+
+private:
+	const ka_sysfs_ops &ops() const
+	{
+		return *in<Kobject>(found_.kobj).type->sysfs_ops;
+	}
+
+	Found found_;
+	long error_ = 0;
+};
+
+} // namespace
+
+SysfsText sysfs_show(const std::string &path)
+{
+	TextFile file(path, 0444);
+	if (file.error())
+		return {file.error(), ""};
+	std::vector<char> page(KA_SYSFS_PAGE);
+	const long result = file.show(page.data());
+	return {result, std::string(page.data(), std::clamp(result, 0l, KA_SYSFS_PAGE - 1l))};
+}
+
+long sysfs_store(const std::string &path, const std::string &text)
+{
+	TextFile file(path, 0222);
+	if (file.error())
+		return file.error();
+	std::vector<char> page(text.begin(), text.end());
+	page.push_back('\0');
+	return file.store(page.data(), text.size());
+}
+
 long sysfs_read(const std::string &path, std::span<char> buffer, long long offset)
 {
 	Found found;
 	{
 		std::lock_guard guard(state().lock);
 		found = find(path);
-		if (!found.file || !ka_kobject_get(found.kobj))
+		if (!found.file.binary || !ka_kobject_get(found.kobj))
 			return -KA_ENOENT;
 	}
 	CallIntoDriver call("a sysfs read");
-	long result = found.file->read(nullptr, found.kobj, found.file, buffer.data(), offset,
-				       std::min<size_t>(buffer.size(), 4096));
+	ka_bin_attribute *file = found.file.binary;
+	long result = file->read(nullptr, found.kobj, file, buffer.data(), offset,
+				 std::min<size_t>(buffer.size(), KA_SYSFS_PAGE));
 	ka_kobject_put(found.kobj);
 	return result;
 }
@@ -206,7 +323,8 @@ int ka_kobject_add(ka_kobject *kobj, ka_kobject *parent, const char *name)
 		if (directory.visible)
 			throw Bug("ka_kobject_add: the object is in sysfs");
 		if (!child(parent, name)) {
-			directory = {name, parent, true, {}};
+			directory = {.name = name, .parent = parent, .visible = true};
+			add_default_files(kobj, directory);
 			return 0;
 		}
 	}
@@ -221,8 +339,8 @@ void ka_kobject_del(ka_kobject *kobj)
 	injected("ka_kobject_del", 0);
 	ka_kobject *parent = nullptr;
 	{
-		std::lock_guard guard(state().lock);
-		parent = hide(kobj);
+		std::unique_lock lock(state().lock);
+		parent = hide(kobj, lock);
 	}
 	if (parent)
 		ka_kobject_put(parent);
@@ -265,7 +383,9 @@ int ka_sysfs_create_bin_file(ka_kobject *kobj, ka_bin_attribute *attribute)
 		violation("ka_sysfs_create_bin_file: no directory");
 		return -KA_EINVAL;
 	}
-	return directory.files.emplace(attribute->name, attribute).second ? 0 : -KA_EEXIST;
+	return directory.files.try_emplace(attribute->name, File{.binary = attribute}).second
+		       ? 0
+		       : -KA_EEXIST;
 }
 
 void ka_sysfs_remove_bin_file(ka_kobject *kobj, ka_bin_attribute *attribute)

@@ -115,6 +115,19 @@ int take_mismatched_releases()
 	return std::exchange(state().mismatched, 0);
 }
 
+int forget_memory(size_t size)
+{
+	std::lock_guard guard(state().lock);
+	int count = 0;
+	for (auto &[address, allocated] : state().allocations) {
+		if (allocated != size)
+			continue;
+		state().forgiven.push_back(address);
+		count++;
+	}
+	return count;
+}
+
 void forgive_memory_around(const void *address)
 {
 	std::lock_guard guard(state().lock);

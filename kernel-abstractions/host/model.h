@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "kernel-abstractions/block.h"
+#include "kernel-abstractions/chardev.h"
 #include "kernel-abstractions/device.h"
 
 /*
@@ -160,6 +161,8 @@ private:
 	size_t size_;
 };
 
+/* How many allocations of that size there are, which are meant to stay. */
+int forget_memory(size_t size);
 /* Calls of ka_vmalloc so far. */
 uint64_t allocations();
 /* Called by each allocation that may start I/O to make room, the kernel's own included. */
@@ -169,6 +172,14 @@ void on_reclaim(std::function<void()> action);
 
 bool sysfs_exists(const std::string &path); /* a directory or a file */
 std::vector<std::string> sysfs_list(const std::string &directory);
+int sysfs_mode(const std::string &path); /* a file's permission bits; -ENOENT without one */
+struct SysfsText {
+	long result;      /* of the show function, or -ENOENT, -EACCES as its open gives */
+	std::string text; /* what a reader gets */
+};
+/* Text files: both keep the object's directory from going, as its removal waits for them. */
+SysfsText sysfs_show(const std::string &path);
+long sysfs_store(const std::string &path, const std::string &text);
 /* One read of a binary file, at most a page: what its function returned; -ENOENT without one. */
 long sysfs_read(const std::string &path, std::span<char> buffer, long long offset = 0);
 
@@ -296,12 +307,32 @@ public:
 	OpenNode(const OpenNode &) = delete;
 	OpenNode &operator=(const OpenNode &) = delete;
 
+	/* Of the open, or 0. Nothing else may be asked of a node that was not opened. */
+	int error() const;
+	/* Whether its table of operations is one of the driver's. */
+	bool is_hooked() const;
 	long ioctl(unsigned int cmd, unsigned long arg) const;
 	long compat_ioctl(unsigned int cmd, unsigned long arg) const;
 
 private:
 	struct file *file_;
 };
+
+/* What the device-mapper answers to an ioctl of its control device, which exists from the boot on.
+ * By default 0. */
+void set_dm_answer(std::function<long(unsigned int cmd, unsigned long arg)> answer);
+/* Later opens of the control device find another driver behind it, which answers 0. */
+void replace_dm_driver();
+struct DmCalls {
+	int opens, ioctls, releases;
+};
+DmCalls dm_calls();
+
+/* The table that opens of misc devices start with; null stores the kernel's own. */
+const ka_file_operations *misc_operations();
+void set_misc_operations(const ka_file_operations *ops);
+/* How many files are open, which are meant to stay so. */
+int forget_open_files();
 
 /* --- Generic netlink ---------------------------------------------------------------------- */
 

@@ -200,6 +200,17 @@ int ka_mutex_lock_interruptible(ka_mutex *mutex)
  * An unlock by a task that does not hold the mutex does what it does on a kernel: it sets the mutex
  * free, whoever holds it.
  */
+int ka_mutex_trylock(ka_mutex *mutex)
+{
+	auto &m = checked(in<Mutex>(mutex), mutex_magic, "ka_mutex_trylock");
+	uint32_t free = 0;
+	if (!m.state.compare_exchange_strong(free, 1, std::memory_order_acquire))
+		return 0;
+	m.owner.store(&current(), std::memory_order_relaxed);
+	take(mutex);
+	return 1;
+}
+
 void ka_mutex_unlock(ka_mutex *mutex)
 {
 	auto &m = in<Mutex>(mutex);

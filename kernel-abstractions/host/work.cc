@@ -372,6 +372,11 @@ void ka_udelay(unsigned long microseconds)
 	state().microseconds %= 1000;
 }
 
+int ka_current_pid(void)
+{
+	return 4242;
+}
+
 int ka_capable_sys_admin(void)
 {
 	return current().admin;

@@ -38,10 +38,12 @@ struct ka_kernel_genl {
 	X(COMPLETION, struct completion)                                                           \
 	X(KOBJECT, struct kobject)                                                                 \
 	X(KOBJ_TYPE, struct kobj_type)                                                             \
+	X(ATTRIBUTE, struct attribute)                                                             \
 	X(BIN_ATTRIBUTE, struct bin_attribute)                                                     \
 	X(DELAYED_WORK, struct delayed_work)                                                       \
 	X(BLOCK_DEVICE_OPERATIONS, struct block_device_operations)                                 \
 	X(KSET_UEVENT_OPS, struct kset_uevent_ops)                                                 \
+	X(FILE_OPERATIONS, struct file_operations)                                                 \
 	X(MISCDEVICE, struct ka_kernel_misc)                                                       \
 	X(GENL_FAMILY, struct ka_kernel_genl)
 

@@ -51,6 +51,11 @@ int ka_mutex_lock_interruptible(struct ka_mutex *mutex)
 	return mutex_lock_interruptible(KA_OBJECT(struct mutex, mutex));
 }
 
+int ka_mutex_trylock(struct ka_mutex *mutex)
+{
+	return mutex_trylock(KA_OBJECT(struct mutex, mutex));
+}
+
 void ka_mutex_unlock(struct ka_mutex *mutex)
 {
 	kernel_mutex_unlock(KA_OBJECT(struct mutex, mutex));

@@ -22,6 +22,11 @@ void ka_udelay(unsigned long microseconds)
 	udelay(microseconds);
 }
 
+int ka_current_pid(void)
+{
+	return current->pid;
+}
+
 int ka_capable_sys_admin(void)
 {
 	return capable(CAP_SYS_ADMIN);

@@ -2,10 +2,14 @@
 /* What each subcommand asks and prints. Text is small and made for pipes; lengths are sectors. */
 #include "commands.h"
 
+#include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <fmt/format.h>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <unistd.h>
+#include <zorvat/sysfs.h>
 
 using zorvat::Driver;
 using zorvat::Volume;
@@ -252,6 +256,111 @@ std::string save_time(const Options &options)
 			    : fmt::format("{}\n", time);
 }
 
+unsigned int parse_level(std::string_view text)
+{
+	unsigned int level;
+	const char *end = text.data() + text.size();
+	auto [parsed_to, error] = std::from_chars(text.data(), end, level);
+	if (text.empty() || error != std::errc() || parsed_to != end ||
+	    level > zorvat::max_verbosity)
+		throw UsageError(fmt::format("'{}' is no verbosity: levels are 0 to {}", text,
+					     zorvat::max_verbosity));
+	return level;
+}
+
+void set_verbosity(const std::vector<std::string> &values)
+{
+	if (values.size() == 1 && values[0].find('=') == std::string::npos)
+		return zorvat::set_log_verbosity(parse_level(values[0]));
+	std::vector<zorvat::LogGroup> groups;
+	for (const std::string &value : values) {
+		const size_t equals = value.find('=');
+		if (equals == std::string::npos)
+			throw UsageError(fmt::format("'{}': set takes one LEVEL for all groups, or "
+						     "GROUP=LEVEL for each",
+						     value));
+		groups.push_back({value.substr(0, equals),
+				  parse_level(std::string_view(value).substr(equals + 1))});
+	}
+	zorvat::set_log_verbosity(groups);
+}
+
+std::string verbosity(const Options &options)
+{
+	const bool changes = !options.verbosity.empty();
+	if (changes)
+		set_verbosity(options.verbosity);
+	if (changes && !options.json)
+		return "";
+	auto verbosity = zorvat::log_verbosity();
+	Json groups = Json::object();
+	std::string text = verbosity.all ? fmt::format("{}\n", *verbosity.all) : "";
+	for (const auto &group : verbosity.groups) {
+		groups[group.name] = group.verbosity;
+		text += fmt::format("{} {}\n", group.name, group.verbosity);
+	}
+	if (!options.json)
+		return text;
+	return dump({{"all", verbosity.all ? Json(*verbosity.all) : Json()}, {"groups", groups}});
+}
+
+std::string refresh(const Options &options)
+{
+	zorvat::refresh_volumes();
+	return options.json ? dump(Json::object()) : "";
+}
+
+void write_file(const std::string &path, std::string_view bytes)
+{
+	auto *file = std::fopen(path.c_str(), "wb");
+	bool written = file && std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
+	int number = errno;
+	if (file && std::fclose(file) != 0 && written) {
+		written = false;
+		number = errno;
+	}
+	if (!written)
+		throw zorvat::Error(
+			zorvat::Errc::system,
+			fmt::format("cannot write {}: {}", path, zorvat::error_text(number)), {},
+			number);
+}
+
+std::string hexadecimal(std::span<const std::byte> bytes)
+{
+	std::string text;
+	for (std::byte byte : bytes)
+		text += fmt::format("{:02x}", static_cast<unsigned int>(byte));
+	return text;
+}
+
+std::string bitmap(const Options &options)
+{
+	const bool prints_bytes = options.output.empty() && !options.json;
+	if (prints_bytes && isatty(STDOUT_FILENO))
+		throw UsageError("the bitmap is no text for a terminal: name a file with -o");
+	Volume volume = zorvat::resolve_volume(options.volume);
+	auto bitmap = zorvat::read_bitmap(volume);
+	std::string bytes(reinterpret_cast<const char *>(bitmap.data()), bitmap.size());
+	if (!options.output.empty())
+		write_file(options.output, bytes);
+	if (!options.json)
+		return prints_bytes ? bytes : "";
+	Json facts = {{"bitmap_bytes", bytes.size()}};
+	if (options.output.empty())
+		facts["bitmap"] = hexadecimal(bitmap);
+	else
+		facts["file"] = options.output;
+	return about(volume, facts);
+}
+
+std::string switch_count(const Options &options)
+{
+	Volume volume = zorvat::resolve_volume(options.volume);
+	uint64_t count = zorvat::switch_count(volume);
+	return options.json ? about(volume, {{"switch_count", count}}) : fmt::format("{}\n", count);
+}
+
 constexpr Subcommand table[] = {
 	{"version", "print the driver's version", Subcommand::optional, version},
 	{"volumes", "list the volumes that the driver knows", Subcommand::none, volumes},
@@ -272,6 +381,14 @@ constexpr Subcommand table[] = {
 	{"uuid", "print a volume's identifier", Subcommand::required, uuid},
 	{"save-time", "print or set the time of a volume's last backup", Subcommand::required,
 	 save_time},
+	{"switch-count", "print how often the bitmap was switched since tracking began",
+	 Subcommand::required, switch_count},
+	{"bitmap", "export the bitmap of a volume below 2 GiB as raw bytes", Subcommand::required,
+	 bitmap},
+	{"verbosity", "print or set what the driver writes to the kernel log", Subcommand::none,
+	 verbosity},
+	{"refresh", "have the driver look for block devices that it missed", Subcommand::none,
+	 refresh},
 };
 
 } // namespace

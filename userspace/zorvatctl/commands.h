@@ -6,7 +6,9 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <stdexcept>
 #include <string>
+#include <vector>
 #include <zorvat/driver.h>
 
 struct Options {
@@ -17,6 +19,13 @@ struct Options {
 	bool sum = false;
 	size_t batch = zorvat::default_extents_per_request;
 	std::optional<uint64_t> save_time;
+	std::vector<std::string> verbosity; // LEVEL, or GROUP=LEVEL...; empty: show it
+	std::string output;                 // file for the bitmap; empty: standard output
+};
+
+/* The command line asks for something that makes no sense. */
+struct UsageError : std::runtime_error {
+	using std::runtime_error::runtime_error;
 };
 
 struct Subcommand {
@@ -27,7 +36,7 @@ struct Subcommand {
 		optional,
 		required
 	} takes_volume;
-	/* Returns what to print. */
+	/* Returns what to print. Throws zorvat::Error, or UsageError. */
 	std::string (*run)(const Options &options);
 };
 

@@ -17,7 +17,7 @@ _zorvatctl()
 {
 	local current=${COMP_WORDS[COMP_CWORD]} subcommand= volume= word
 	local subcommands="version volumes start stop level extents bitmap-size granularity clear
-		switch uuid save-time"
+		switch uuid save-time switch-count bitmap verbosity refresh"
 	local options="--help --version --json --ioctl --block-ioctl"
 
 	for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
@@ -26,14 +26,23 @@ _zorvatctl()
 		fi
 	done
 	[[ $subcommand == extents ]] && options+=" --sum --batch"
+	[[ $subcommand == bitmap ]] && options+=" --output"
 
+	if [[ $subcommand == bitmap && ${COMP_WORDS[COMP_CWORD-1]} == -@(o|-output) ]]; then
+		COMPREPLY=($(compgen -f -- "$current"))
+		return
+	fi
+	if [[ $subcommand == verbosity && $current != -* ]]; then
+		[[ $volume ]] || COMPREPLY=($(compgen -W set -- "$current"))
+		return
+	fi
 	if [[ $current == -* ]]; then
 		COMPREPLY=($(compgen -W "$options" -- "$current"))
 	elif [[ ! $subcommand ]]; then
 		COMPREPLY=($(compgen -W "$subcommands" -- "$current"))
 	elif [[ $current == /* ]]; then
 		COMPREPLY=($(compgen -f -- "$current"))
-	elif [[ $subcommand != volumes && ! $volume ]]; then
+	elif [[ $subcommand != @(volumes|refresh) && ! $volume ]]; then
 		COMPREPLY=($(compgen -W "$(_zorvatctl_volumes)" -- "$current"))
 	fi
 }

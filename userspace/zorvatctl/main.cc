@@ -61,6 +61,14 @@ void add_options_of(const Subcommand &subcommand, CLI::App &app, Options &option
 	}
 	if (std::string_view(subcommand.name) == "save-time")
 		app.add_option("time", options.save_time, "the value to set");
+	if (std::string_view(subcommand.name) == "bitmap")
+		app.add_option("-o,--output", options.output, "file to write it to");
+	if (std::string_view(subcommand.name) == "verbosity")
+		app.add_subcommand("set", "set the verbosity of all groups or of some")
+			->fallthrough()
+			->add_option("values", options.verbosity,
+				     "LEVEL (0 to 8) for all, or GROUP=LEVEL...")
+			->required();
 }
 
 void add_subcommands(CLI::App &app, Options &options, const Subcommand *&chosen)
@@ -91,6 +99,8 @@ ExitCode run(const Subcommand &subcommand, const Options &options)
 		if (!print(subcommand.run(options)))
 			return fail(exit_failed, "cannot write the output");
 		return exit_ok;
+	} catch (const UsageError &error) {
+		return fail(exit_usage, error.what());
 	} catch (const zorvat::Error &error) {
 		return fail(exit_code(error.code()), error.what());
 	} catch (const std::exception &error) {

@@ -24,6 +24,17 @@ struct block_device *ka_open_by_devnum(ka_dev_t dev, unsigned int mode)
 	return open_by_devnum(dev, (__force fmode_t)mode);
 }
 
+int ka_lookup_bdev(const char *path, ka_dev_t *dev)
+{
+	struct block_device *bdev = lookup_bdev(path);
+
+	if (IS_ERR(bdev))
+		return PTR_ERR(bdev);
+	*dev = bdev->bd_dev;
+	bdput(bdev);
+	return 0;
+}
+
 struct super_block *ka_freeze_bdev(struct block_device *bdev)
 {
 	return freeze_bdev(bdev);

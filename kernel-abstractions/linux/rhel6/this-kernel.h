@@ -4,6 +4,7 @@
 #define KA_RHEL6_THIS_KERNEL_H
 
 #include <linux/blkdev.h>
+#include <linux/fs.h>
 #include <linux/genhd.h>
 #include <linux/kernel.h>
 #include <linux/netlink.h>
@@ -56,14 +57,24 @@ static inline struct kobject *kernel_kobject_get(struct kobject *kobj)
 	return atomic_inc_not_zero(&kobj->kref.refcount) ? kobj : NULL;
 }
 
-/* Removing a file waits for its readers here; a reader that waits for a lock can be interrupted. */
-static inline void *kernel_sysfs_unprotect(struct kobject *kobj, const struct attribute *attr)
-{
-	return NULL;
-}
+/*
+ * A read of a binary file. Removing a file waits for its readers here: those who wait for a lock,
+ * which the remover may hold, are called away, and get -ENODEV. See sysfs.c.
+ */
+struct kernel_bin_read {
+	struct list_head entry;
+	struct task_struct *task;
+	struct bin_attribute *battr;
+};
 
-static inline void kernel_sysfs_reprotect(void *protection)
+int kernel_bin_read_begins(struct kernel_bin_read *read, struct kobject *kobj,
+			   struct bin_attribute *battr);
+ssize_t kernel_bin_read_ends(struct kernel_bin_read *read, ssize_t result);
+void kernel_bin_reads_give_way(struct bin_attribute *battr);
+
+static inline void kernel_filp_close(struct file *file)
 {
+	filp_close(file, NULL);
 }
 
 static inline u32 kernel_genl_portid(const struct genl_info *info)

@@ -39,6 +39,11 @@ struct block_device *ka_open_by_devnum(ka_dev_t dev, unsigned int mode)
 	return bdev;
 }
 
+int ka_lookup_bdev(const char *path, ka_dev_t *dev)
+{
+	return lookup_bdev(path, dev);
+}
+
 struct super_block *ka_freeze_bdev(struct block_device *bdev)
 {
 	return ERR_PTR(freeze_bdev(bdev));

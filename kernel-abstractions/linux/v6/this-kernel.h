@@ -4,6 +4,8 @@
 #define KA_V6_THIS_KERNEL_H
 
 #include <linux/blkdev.h>
+#include <linux/file.h>
+#include <linux/fs.h>
 #include <linux/module.h>
 #include <linux/netlink.h>
 #include <linux/printk.h>
@@ -11,6 +13,7 @@
 #include <linux/sysfs.h>
 #include <linux/uaccess.h>
 #include <linux/vmalloc.h>
+#include <linux/workqueue.h>
 #include <net/genetlink.h>
 
 #define KERNEL_DISK_WITHOUT_PARTITIONS GENHD_FL_NO_PART
@@ -45,16 +48,53 @@ static inline struct kobject *kernel_kobject_get(struct kobject *kobj)
 	return kobject_get_unless_zero(kobj);
 }
 
-/* Lets the removal of a file go ahead while it is being read. */
-static inline void *kernel_sysfs_unprotect(struct kobject *kobj, const struct attribute *attr)
+/* A read of a binary file: the file's removal goes ahead meanwhile. */
+struct kernel_bin_read {
+	struct kernfs_node *protection;
+};
+
+static inline int kernel_bin_read_begins(struct kernel_bin_read *read, struct kobject *kobj,
+					 struct bin_attribute *battr)
 {
-	return kobj->sd ? sysfs_break_active_protection(kobj, attr) : NULL;
+	read->protection = kobj->sd ? sysfs_break_active_protection(kobj, &battr->attr) : NULL;
+	return 0;
 }
 
-static inline void kernel_sysfs_reprotect(void *protection)
+static inline ssize_t kernel_bin_read_ends(struct kernel_bin_read *read, ssize_t result)
 {
-	if (protection)
-		sysfs_unbreak_active_protection(protection);
+	if (read->protection)
+		sysfs_unbreak_active_protection(read->protection);
+	return result;
+}
+
+static inline void kernel_bin_reads_give_way(struct bin_attribute *battr)
+{
+}
+
+struct kernel_file_to_close {
+	struct work_struct work;
+	struct file *file;
+};
+
+static inline void kernel_close_file(struct work_struct *work)
+{
+	struct file *file = container_of(work, struct kernel_file_to_close, work)->file;
+
+	get_file(file);
+	filp_close(file, NULL);
+	__fput_sync(file);
+}
+
+/* A process releases its files on its way back to user space, which is too late; a kernel thread
+ * can do it at once. */
+static inline void kernel_filp_close(struct file *file)
+{
+	struct kernel_file_to_close close = {.file = file};
+
+	INIT_WORK_ONSTACK(&close.work, kernel_close_file);
+	schedule_work(&close.work);
+	flush_work(&close.work);
+	destroy_work_on_stack(&close.work);
 }
 
 static inline u32 kernel_genl_portid(const struct genl_info *info)

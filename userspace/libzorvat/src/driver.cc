@@ -11,6 +11,7 @@
 
 #include "extent-collector.h"
 #include "kernel-errors.h"
+#include "unreachable.h"
 #include "wt.h"
 
 namespace zorvat
@@ -89,18 +90,6 @@ bool is_refusal(int number)
 {
 	return number == EINVAL || number == ENOTTY || number == EOPNOTSUPP ||
 	       number == no_such_kernel_command;
-}
-
-Error unknown_volume(const Request &request, const Volume &volume, int number)
-{
-	std::string advice =
-		volume.whole_disk.empty()
-			? "its major number may be missing from the module parameter "
-			  "tracked_majors; 'zorvatctl volumes' lists what is known"
-			: fmt::format("it is a partition, name its disk {}", volume.whole_disk);
-	return Error(Errc::unknown_volume,
-		     attempt(request, &volume) + ": the driver does not know this volume", advice,
-		     number);
 }
 
 /* A request for extents with room for the answer. */
@@ -316,7 +305,7 @@ Error Driver::refusal(const Request &request, const Volume &volume, int number) 
 {
 	backUp state{};
 	if (transport_->execute(get_level.command, &volume, bytes_of(state)) < 0)
-		return unknown_volume(request, volume, number);
+		return unknown_volume(attempt(request, &volume), volume, number);
 
 	std::string failed = attempt(request, &volume);
 	if (number != EINVAL)

@@ -39,4 +39,16 @@ Error driver_unreachable(std::string_view door, int number)
 		     "load the driver with 'modprobe zorvat'", number);
 }
 
+Error unknown_volume(std::string_view attempt, const Volume &volume, int number)
+{
+	std::string advice =
+		volume.whole_disk.empty()
+			? "its major number may be missing from the module parameter "
+			  "tracked_majors; 'zorvatctl volumes' lists what is known"
+			: fmt::format("it is a partition, name its disk {}", volume.whole_disk);
+	return Error(Errc::unknown_volume,
+		     fmt::format("{}: the driver does not know this volume", attempt), advice,
+		     number);
+}
+
 } // namespace zorvat
