@@ -540,6 +540,7 @@ TEST_F(Volume, UnloadWithAHookOnTopOfOurs)
 	volume.reset(nullptr);
 	auto ours = ka_queue_make_request(disk.queue());
 	ka_queue_set_make_request(disk.queue(), disk.native_make_request());
+	model::before("ka_kobject_del", [] { EXPECT_FALSE(model::sysfs_exists(bitmap_file)); });
 	unload();
 	EXPECT_EQ(model::logged(warn_line("!!Cannot Untrack: Overstaking of Request Queue Function "
 					  "of Disk:sda")),

@@ -34,8 +34,7 @@ struct Request {
 class RequestMemory
 {
 public:
-	explicit RequestMemory(size_t bytes)
-	    : pages((bytes + page - 1) / page * page), size(bytes)
+	explicit RequestMemory(size_t bytes) : pages((bytes + page - 1) / page * page), size(bytes)
 	{
 		void *mapped = mmap(nullptr, pages + page, PROT_READ | PROT_WRITE,
 				    MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
