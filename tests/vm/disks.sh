@@ -65,19 +65,15 @@ follows_hot_removal() {
 	use_scsi_debug
 	eventually 10 is_known_as_it_is "$disk"
 	zorvatctl start "$disk"
-	local device host
+	local device
 	device=$(device_of "$disk")
-	host=$(ls -d /sys/bus/pseudo/drivers/scsi_debug/adapter0/host*)
 	keep_writing
 	sleep 1
-	echo 1 >"$(sysfs_of "$disk")/device/delete"
+	remove_scsi_disk
 	stop_writing
 	eventually 5 fails test -e "/sys/zorvat/$device"
-	eventually 5 fails ls -d $scsi_disk
 
-	echo '- - -' >"$host/scsi_host/$(basename "$host")/scan"
-	eventually 5 eval 'ls -d $scsi_disk/block/sd*'
-	disk=/dev/$(basename $scsi_disk/block/sd*)
+	find_scsi_disk_again
 	start_tracking "$disk"
 	run_fio
 	report_changes "$disk"

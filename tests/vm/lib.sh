@@ -134,10 +134,24 @@ use_brd() {
 use_scsi_debug() { # [PARAMETER=VALUE...]
 	modprobe -q sd_mod || true
 	modprobe -q scsi_debug dev_size_mb=32 delay=0 lbpu=1 lbpws=1 "$@" || skip "no scsi_debug"
-	defer rmmod scsi_debug
+	defer eventually 10 rmmod scsi_debug # a disk found just before is still being looked at
 	scsi_disk=/sys/bus/pseudo/drivers/scsi_debug/adapter0/host*/target*/*:0
 	eventually 10 eval 'ls -d $scsi_disk/block/sd*'
 	disk=/dev/$(basename $scsi_disk/block/sd*)
+}
+
+# Until it is found again, as another disk perhaps.
+remove_scsi_disk() {
+	echo 1 >"$(sysfs_of "$disk")/device/delete"
+}
+
+find_scsi_disk_again() {
+	eventually 5 fails ls -d $scsi_disk
+	local host=$(ls -d /sys/bus/pseudo/drivers/scsi_debug/adapter0/host*)
+	echo '- - -' >"$host/scsi_host/$(basename "$host")/scan"
+	eventually 5 eval 'ls -d $scsi_disk/block/sd*'
+	disk=/dev/$(basename $scsi_disk/block/sd*)
+	eventually 5 test -b "$disk"
 }
 
 use_scsi_debug_4k() {
