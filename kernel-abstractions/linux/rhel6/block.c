@@ -8,8 +8,9 @@
 #include <linux/genhd.h>
 
 #include "../../module.h"
+#include "../takeovers.h"
 
-/* Nothing to set up here, and nothing of this layer's is left in the kernel. */
+/* Nothing to set up here. */
 int ka_init(void)
 {
 	return 0;
@@ -17,6 +18,7 @@ int ka_init(void)
 
 void ka_exit(void)
 {
+	ka_wait_for_takeovers();
 }
 
 struct block_device *ka_open_by_devnum(ka_dev_t dev, unsigned int mode)
