@@ -119,7 +119,7 @@ Task::Task()
 
 Task::~Task()
 {
-	if (!held.empty() || atomic_depth > 0 || noio)
+	if (!held.empty() || atomic_depth > 0)
 		violation("a thread ended with locks held or in atomic context");
 	std::lock_guard guard(tasks().lock);
 	std::erase(tasks().all, this);
@@ -138,8 +138,7 @@ void might_sleep(const char *call)
 }
 
 CallIntoDriver::CallIntoDriver(const char *name)
-    : name_(name), held_(current().held.size()), atomic_depth_(current().atomic_depth),
-      noio_(current().noio)
+    : name_(name), held_(current().held.size()), atomic_depth_(current().atomic_depth)
 {
 }
 
@@ -149,8 +148,6 @@ CallIntoDriver::~CallIntoDriver()
 		violation(printed("%s: a lock was not given back", name_));
 	if (current().atomic_depth != atomic_depth_)
 		violation(printed("%s: returned in atomic context", name_));
-	if (current().noio != noio_)
-		violation(printed("%s: allocations stay without I/O", name_));
 }
 
 bool holds_lock_in(const Task &task, const void *memory, size_t size)
@@ -170,7 +167,6 @@ void reset_sync()
 	stray_unlocks = 0;
 	current().held.clear();
 	current().atomic_depth = 0;
-	current().noio = false;
 	current().admin = true;
 	if (current().read_depth > 0)
 		current().read_sections++;
