@@ -39,13 +39,6 @@ static jorlvolume_info *volume_of(ka_disk_owner *owner)
 		__builtin_offsetof(jorlvolume_info, dvi_disk_owner));
 }
 
-static jorlvolume_info *volume_of(ka_mapping *mapping)
-{
-	return reinterpret_cast<jorlvolume_info *>(
-		reinterpret_cast<char *>(mapping) -
-		__builtin_offsetof(jorlvolume_info, dvi_servicearea));
-}
-
 static const char *name_of(const jorlvolume_info *volume)
 {
 	return ka_disk_name(volume->dvi_disk);
