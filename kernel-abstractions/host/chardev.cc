@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-/* Misc devices, the device-mapper's control device among them, and the open files on their nodes. */
+/* Misc devices, the device-mapper's control device among them, and the open files on their nodes.
+ */
 #include "kernel-abstractions/chardev.h"
 
 #include <list>
@@ -213,8 +214,7 @@ void set_dm_answer(std::function<long(unsigned int, unsigned long)> answer)
 void replace_dm_driver()
 {
 	std::lock_guard guard(state().lock);
-	add_node(dm_minor, "/dev/mapper/control",
-		 {{dm_open, other_dm_ioctl, dm_release}, nullptr});
+	add_node(dm_minor, "/dev/mapper/control", {{dm_open, other_dm_ioctl, dm_release}, nullptr});
 }
 
 DmCalls dm_calls()

@@ -99,9 +99,10 @@ thread_local std::vector<const ka_kobject *> in_use;
 /* Takes the directory out of the tree and waits for its users; the parent to give back. */
 ka_kobject *hide(ka_kobject *kobj, std::unique_lock<std::mutex> &lock)
 {
-	auto &directory = state().objects[kobj];
-	if (!directory.visible)
+	auto object = state().objects.find(kobj);
+	if (object == state().objects.end() || !object->second.visible)
 		return nullptr;
+	auto &directory = object->second;
 	if (std::ranges::find(in_use, kobj) != in_use.end()) {
 		violation("a directory is removed by a user of its files, who waits for itself");
 		return nullptr;
@@ -370,6 +371,11 @@ void ka_kobject_put(ka_kobject *kobj)
 		return violation("ka_kobject_put: no such object");
 	if (k.references.fetch_sub(1, std::memory_order_acq_rel) == 1)
 		release(kobj);
+}
+
+unsigned int ka_kobject_references(const ka_kobject *kobj)
+{
+	return in<Kobject>(kobj).references.load(std::memory_order_relaxed);
 }
 
 int ka_sysfs_create_bin_file(ka_kobject *kobj, ka_bin_attribute *attribute)

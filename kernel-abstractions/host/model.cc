@@ -138,11 +138,16 @@ const char *Bug::what() const noexcept
 
 void boot(const void *module)
 {
+	reset_sockets(); /* so that whoever waits for a peer can end */
 	reset_work();
+	reset_threads();
+	close_sockets();
 	reset_netlink();
 	reset_chardev();
 	reset_devices();
 	reset_block();
+	reset_kfifos();
+	reset_mm();
 	reset_kobjects();
 	reset_memory();
 	reset_sync();
@@ -167,6 +172,10 @@ std::vector<std::string> leaks()
 {
 	Report report;
 	report_work(report);
+	report_threads(report);
+	report_sockets(report);
+	report_kfifos(report);
+	report_mm(report);
 	report_netlink(report);
 	report_chardev(report);
 	report_devices(report);
@@ -345,6 +354,11 @@ int ka_module_get(void)
 {
 	machine().module_references++;
 	return 1;
+}
+
+void ka_module_hold(void)
+{
+	machine().module_references++;
 }
 
 void ka_module_put(void)
