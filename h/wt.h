@@ -179,6 +179,34 @@ struct wtflr_disk_attrs {
 	uint32_t wtfda_isrw;
 };
 
+/*
+ * The data link: a TCP connection on the loopback address between the driver and the process that
+ * serves a restore disk. The port id of WTFLR_RESUME_DISK_IOCTL_INDEX is the port where that
+ * process listens. One message layout travels both ways, a reply to each request, and never the
+ * data: the server puts it at io_buffer, where the driver shows it the pages of the request.
+ */
+#define WT_NETLINK_VERSION  1u
+#define WT_NETLINK_CLOSE_ID 0xffffffffu /* id of the close message */
+
+enum wt_netlinkmsg_code {
+	WT_NETLINK_CMD_READ = 1,
+	WT_NETLINK_CMD_WRITE = 2, /* never sent */
+	WT_NETLINK_CMD_GETSZ = 3, /* never sent */
+	WT_NETLINK_CMD_CLOSE = 4, /* the driver is done with this connection; not replied to */
+	WT_NETLINK_REP_OK = 128,
+	WT_NETLINK_REP_ERR = 129
+};
+
+struct wt_netlinkmsg_hdr {
+	uint32_t version;
+	uint32_t id; /* counts a disk's requests from 1 */
+	wt_jorl_diskhandle_t diskhandle;
+	uint32_t code;          /* wt_netlinkmsg_code; four bytes without meaning follow */
+	uint64_t offset_sector; /* first block, in blocks of the disk */
+	int64_t num_sectors;    /* blocks; in a reply, below 0: the error number */
+	void *io_buffer;        /* in the server's address space */
+};
+
 #ifdef __cplusplus
 } /* extern "C" */
 
@@ -215,6 +243,13 @@ WT_OFFSET(wtflr_disk_attrs, wtfda_pid, 56);
 WT_OFFSET(wtflr_disk_attrs, wtfda_portid, 64);
 WT_OFFSET(wtflr_disk_attrs, wtfda_devt, 72);
 WT_OFFSET(wtflr_disk_attrs, wtfda_isrw, 80);
+WT_LAYOUT(wt_netlinkmsg_hdr, 48);
+WT_OFFSET(wt_netlinkmsg_hdr, id, 4);
+WT_OFFSET(wt_netlinkmsg_hdr, diskhandle, 8);
+WT_OFFSET(wt_netlinkmsg_hdr, code, 16);
+WT_OFFSET(wt_netlinkmsg_hdr, offset_sector, 24);
+WT_OFFSET(wt_netlinkmsg_hdr, num_sectors, 32);
+WT_OFFSET(wt_netlinkmsg_hdr, io_buffer, 40);
 
 #undef WT_LAYOUT
 #undef WT_OFFSET

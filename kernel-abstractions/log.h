@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The kernel log, formatted output and input, and the end of the road. Any context. */
+/* The kernel log, formatted output, and the end of the road. Any context. */
 #ifndef KA_LOG_H
 #define KA_LOG_H
 
@@ -21,13 +21,6 @@ void ka_printk(int level, const char *format, ...) __attribute__((format(printf,
 /* snprintf of the kernel: always terminates, returns the length that the whole text has. */
 int ka_snprintf(char *buffer, size_t size, const char *format, ...)
 	__attribute__((format(printf, 3, 4)));
-
-/*
- * sscanf of the kernel, for the decimal conversions %d, %u and %llu: the number of values found.
- * White space before a number is skipped, a sign is taken by %d only, and a number that is too
- * large loses its upper bits.
- */
-int ka_sscanf(const char *text, const char *format, ...) __attribute__((format(scanf, 2, 3)));
 
 /*
  * BUG: a state that must never occur. Stops the kernel (the model kernel throws): does not return.

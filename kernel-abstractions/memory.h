@@ -19,13 +19,6 @@ void ka_vfree(const void *memory);
 void ka_kfree(const void *memory);
 
 /*
- * Between the two calls no allocation of this thread starts I/O to make room, so that a lock that
- * the write path takes may be held across it. Save's result goes to the matching restore.
- */
-unsigned int ka_memalloc_noio_save(void);
-void ka_memalloc_noio_restore(unsigned int flags);
-
-/*
  * Copies between the kernel and the calling process. The result is the number of bytes that could
  * not be copied: 0 on success. Neither end needs to be checked beforehand: an address that is not
  * the process's own copies nothing.

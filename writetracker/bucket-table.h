@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 // The table under the driver's registries: open addressing, linear probing upwards without
 // wrap-around, a power of two of slots, grown by doubling. It does no locking and owns no record.
+// What allocates is apart from what changes the table, so that nobody who searches waits for
+// memory.
 #ifndef WT_BUCKET_TABLE_H
 #define WT_BUCKET_TABLE_H
 
@@ -45,17 +47,17 @@ public:
 		return buckets[index];
 	}
 
-	// Creates the first table of 128 slots; keeps one that exists. 0 or -ENOMEM.
-	int create()
+	// The array of a first table, for create; null when memory is short.
+	static Bucket *allocate_first()
 	{
-		if (buckets)
-			return 0;
+		return allocate(INITIAL_LENGTH);
+	}
+	// Only when there is no table.
+	void create(Bucket *first)
+	{
+		buckets = first;
 		length = INITIAL_LENGTH;
-		buckets = allocate(length);
-		if (!buckets)
-			return -KA_ENOMEM;
 		num_bits = hash_bits_of(length);
-		return 0;
 	}
 
 	// Frees the table. Its length and number of bits keep their last values.
@@ -86,32 +88,35 @@ public:
 		return __lookup_free_bucket(key, buckets, length);
 	}
 
-	// Doubles the table and searches it for the key's slot. Null when memory is short or when
-	// the probe finds nothing.
+	// An array of twice the size with all entries in it, for grow. Null when memory is short.
 	//
 	// The probes are bounded by the new number of hash bits, not by the new length, and while
 	// entries move their home is still computed from the old length. So a table grows only when
 	// all entries live in its first few slots; any other layout is a bug that stops the kernel.
-	Bucket *grow(Key key)
+	Bucket *allocate_larger()
 	{
-		const uint32_t new_length = 2 * length;
-		const uint32_t new_bits = num_bits + 1;
-		Bucket *new_buckets = allocate(new_length);
-		if (!new_buckets)
+		Bucket *larger = allocate(2 * length);
+		if (!larger)
 			return nullptr;
 		for (uint32_t i = 0; i < length; i++) {
 			if (!Traits::occupied(buckets[i]))
 				continue;
-			Bucket *slot = __lookup_free_bucket(Traits::key(buckets[i]), new_buckets,
-							    new_bits);
+			Bucket *slot =
+				__lookup_free_bucket(Traits::key(buckets[i]), larger, num_bits + 1);
 			KA_BUG_ON(!slot);
 			*slot = buckets[i];
 		}
+		return larger;
+	}
+	// Makes the larger array the table, and searches it for the key's slot, with the number of
+	// hash bits as the bound once more. Null when the probe finds nothing.
+	Bucket *grow(Bucket *larger, Key key)
+	{
 		ka_kfree(buckets);
-		buckets = new_buckets;
-		length = new_length;
-		num_bits = new_bits;
-		return __lookup_free_bucket(key, buckets, new_bits);
+		buckets = larger;
+		length *= 2;
+		num_bits++;
+		return __lookup_free_bucket(key, buckets, num_bits);
 	}
 
 private:

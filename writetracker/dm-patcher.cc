@@ -20,7 +20,8 @@ static ka_mutex mtx_dmp_handle_map; // guards the map and all that hangs in it
 
 static ka_dev_t dev_mappercontrol;
 static cdev *mappercontrol_driver;
-// What was found. Both tables stay set for good, so that a call that is still on its way finds them.
+// What was found. Both tables stay set for good, so that a call that is still on its way finds
+// them.
 static const ka_file_operations *g_misc_oldfops; // set: patched, now or once
 static const ka_file_operations *g_dmcontrol_oldfops;
 static ka_file_operations g_misc_newfops;
@@ -353,7 +354,7 @@ class ControlNode
 public:
 	ControlNode()
 	    : filp(ka_filp_open(wt_context.arg_dm_control_device ? wt_context.arg_dm_control_device
-								  : DEFAULT_CONTROL_PATH))
+								 : DEFAULT_CONTROL_PATH))
 	{
 		if (!is_open())
 			WT_ERROR("Unable to lookup path %ld\n\n", ka_ptr_err(filp));
@@ -458,7 +459,8 @@ int dm_unpatch()
 	int err = 0;
 	if (!node.is_open()) {
 		err = -KA_ENOENT;
-	} else if (cdev *driver = node.driver(); !driver || ka_cdev_ops(driver) != &g_misc_newfops) {
+	} else if (cdev *driver = node.driver();
+		   !driver || ka_cdev_ops(driver) != &g_misc_newfops) {
 		WT_ERROR("Cannot unload module since Misc Device already re-patched\n");
 		node.release(); // deliberate: this file stays open
 		err = -KA_EEXIST;

@@ -331,8 +331,8 @@ static int switch_at_resume(lvm_vol_data *snapshot, long *ret, const char *name)
 	return 0;
 }
 
-// A volume's mutex, unless whoever holds it does not let it go: he may be waiting, to flush it or to
-// freeze it, for the very device that is suspended now.
+// A volume's mutex, unless whoever holds it does not let it go: he may be waiting, to flush it or
+// to freeze it, for the very device that is suspended now.
 class PatientMutexLock
 {
 public:

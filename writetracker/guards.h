@@ -73,24 +73,6 @@ public:
 	SchedReadSection &operator=(const SchedReadSection &) = delete;
 };
 
-// Memory reclaim of this thread starts no I/O while it lives.
-class NoIoScope
-{
-public:
-	NoIoScope() : flags(ka_memalloc_noio_save())
-	{
-	}
-	~NoIoScope()
-	{
-		ka_memalloc_noio_restore(flags);
-	}
-	NoIoScope(const NoIoScope &) = delete;
-	NoIoScope &operator=(const NoIoScope &) = delete;
-
-private:
-	unsigned int flags;
-};
-
 // Calls under way although the module is being unloaded. Unloading waits for them.
 extern Atomic<int> wt_unpinned_calls;
 

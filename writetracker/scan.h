@@ -35,4 +35,19 @@ template <typename Number> constexpr bool scan_unsigned(const char **text, Numbe
 	return scan_digits(text, number);
 }
 
+// The same with a sign before the digits: "%d".
+constexpr bool scan_signed(const char **text, int *number)
+{
+	while (is_space(**text))
+		++*text;
+	const bool negative = **text == '-';
+	if (negative)
+		++*text;
+	unsigned int value = 0;
+	if (!scan_digits(text, &value))
+		return false;
+	*number = static_cast<int>(negative ? 0 - value : value);
+	return true;
+}
+
 #endif

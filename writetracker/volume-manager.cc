@@ -30,21 +30,31 @@ static hbitmap *readable_bitmap(const volume_info *volume)
 	return volume->vi_bitmap_snapshot ? volume->vi_bitmap_snapshot : volume->vi_bitmap.get();
 }
 
-// A withdrawn volume's file goes with the directory.
+// A removed volume's file goes with the directory.
 static void remove_bitmap_file(volume_info *volume)
 {
-	if (!volume->vi_iswithdrawn)
+	if (!volume->vi_isremoved)
 		ka_sysfs_remove_bin_file(&volume->kobj, &volume->vi_cbt);
 }
 
-// Takes the volume's directory away, with vi_mtx held before and after: the removal waits for the
-// processes that use the files, and these wait for vi_mtx.
+// Takes the volume's directory away, with vi_mtx held before and after. Whoever looked the volume
+// up before and waits for vi_mtx finds it marked, and neither tracks it nor touches its directory.
+// That goes without vi_mtx: its removal waits for the processes that use the files, and these wait
+// for vi_mtx.
 static void withdraw_directory(volume_info *volume)
 {
-	volume->vi_iswithdrawn = 1;
+	volume->vi_isremoved = 1;
 	ka_mutex_unlock(&volume->vi_mtx);
 	ka_kobject_del(&volume->kobj);
 	ka_mutex_lock(&volume->vi_mtx);
+}
+
+static int forget_volume(const volume_info *volume)
+{
+	int err = remove_volume_info(volume->vi_devt);
+	if (err != 0)
+		WT_ERROR("Unable to remove volinfo object from registy\n");
+	return err;
 }
 
 // Opens a device that must have a disk. False when there is nothing to do, with the result.
@@ -160,10 +170,8 @@ int volume_remove(ka_dev_t dev)
 	if (err != 0)
 		return err;
 	withdraw_directory(volume.get());
-	err = remove_volume_info(dev);
-	if (err != 0)
-		WT_ERROR("Unable to remove volinfo object from registy\n");
-	else
+	err = forget_volume(volume.get());
+	if (err == 0)
 		WT_INFO("removed volume %d:%d\n", ka_major(dev), ka_minor(dev));
 	return err;
 }
@@ -243,12 +251,12 @@ static int follow_silent_resize(volume_info *volume)
 // With vi_mtx held, on an untracked volume.
 static int begin_tracking(volume_info *volume, backUp *backup)
 {
+	if (volume->vi_isremoved)
+		return -KA_EINVAL;
 	if (!is_whole_disk(volume)) {
 		WT_WARN("Tracking of partitions is not supported\n");
 		return -KA_EINVAL;
 	}
-	if (volume->vi_iswithdrawn)
-		return -KA_EINVAL;
 	int err = volume_info_start_tracking(volume);
 	if (err != 0)
 		return err;
@@ -432,6 +440,8 @@ static void volume_manager_cleanup_helper(volume_info *volume)
 {
 	MutexLock lock(volume->vi_mtx);
 	// First, so that nobody starts tracking what is left to the end of the driver.
+	if (volume->vi_istracked)
+		remove_bitmap_file(volume);
 	withdraw_directory(volume);
 	if (is_whole_disk(volume) && volume_ioctl_unpatch(volume) != 0) {
 		WT_ERROR("Unable to patch the unpatch ioctl of the volume\n");
@@ -439,14 +449,11 @@ static void volume_manager_cleanup_helper(volume_info *volume)
 	}
 	if (volume->vi_istracked) {
 		int err = volume_info_stop_tracking(volume, true);
-		if (err == 0)
-			remove_bitmap_file(volume);
 		WT_INFO("Tracking for volume %s being stopped\n", volume->vi_dname);
 		if (err != 0)
 			WT_ERROR("Unable to stop the volume tracking on the device.\n");
 	}
-	if (remove_volume_info(volume->vi_devt) != 0)
-		WT_ERROR("Unable to remove volinfo object from registy\n");
+	forget_volume(volume);
 }
 
 int volume_manager_cleanup()

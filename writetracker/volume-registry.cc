@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
-// The volume registry. The write hook looks a volume up for every bio, so lookups share the lock;
-// whoever holds it exclusively must not wait for I/O to a tracked disk.
+// The volume registry.
+//
+// The write hook looks a volume up for every bio, so lookups share a lock, and whoever holds it
+// exclusively waits for nothing: not for memory, which may have to be made by writing to a tracked
+// disk, nor for the locks of sysfs, whose holders may wait for memory. What adding and removing
+// wait for, they wait for under a mutex of their own, which keeps the table as it is meanwhile.
 #include "volume-registry.h"
 
 #include "bucket-table.h"
@@ -44,7 +48,8 @@ struct VolumeBuckets {
 
 } // namespace
 
-static ka_rwsem vol_info_rwsem; // guards the table and every slot
+static ka_mutex vol_info_change_mtx; // whoever changes the table has it all the while
+static ka_rwsem vol_info_rwsem;      // guards the table and every slot; taken inside the mutex
 static BucketTable<VolumeBuckets> vol_info_buckets;
 
 static volume_info *volume_of(ka_kobject *kobj)
@@ -63,28 +68,44 @@ static ka_kobj_type kobj_volinfo_type = {release_volume_info, &g_vol_sysfs_ops, 
 
 void volume_registry_setup()
 {
+	ka_mutex_init(&vol_info_change_mtx, "vol_info_change_mtx");
 	ka_rwsem_init(&vol_info_rwsem, "vol_info_rwsem");
 }
 
 int volume_registry_init()
 {
+	MutexLock change(vol_info_change_mtx);
+	if (vol_info_buckets.exists())
+		return 0;
+	volume_info_bucket *first = vol_info_buckets.allocate_first();
+	if (!first)
+		return -KA_ENOMEM;
 	WriteLock lock(vol_info_rwsem);
-	NoIoScope noio;
-	return vol_info_buckets.create();
+	vol_info_buckets.create(first);
+	return 0;
+}
+
+// From here on lookups find the volume, or no longer find it.
+static void fill_bucket(volume_info_bucket &bucket, const volume_info_bucket &with)
+{
+	WriteLock lock(vol_info_rwsem);
+	bucket = with;
 }
 
 void volume_registry_cleanup()
 {
-	WriteLock lock(vol_info_rwsem);
+	MutexLock change(vol_info_change_mtx);
 	if (!vol_info_buckets.exists())
 		return;
 	for (uint32_t i = 0; i < vol_info_buckets.size(); i++) {
 		volume_info *volume = vol_info_buckets[i].vib_volinfo;
 		if (!volume)
 			continue;
+		fill_bucket(vol_info_buckets[i], {});
 		ka_kobject_del(&volume->kobj);
 		ka_kobject_put(&volume->kobj);
 	}
+	WriteLock lock(vol_info_rwsem);
 	vol_info_buckets.destroy();
 }
 
@@ -116,48 +137,56 @@ volume_info *lookup_volume_info(ka_dev_t dev)
 	return bucket ? volume_info_get(bucket->vib_volinfo) : nullptr;
 }
 
-// Stores the volume in its free slot and makes its directory; undone as a whole on failure.
+// The slot for a device that is to be added: an empty one, its own if it is in the table already,
+// or null when there is no room and none can be made.
+static volume_info_bucket *bucket_for(ka_dev_t dev)
+{
+	volume_info_bucket *bucket = vol_info_buckets.lookup_free(dev);
+	if (bucket)
+		return bucket;
+	volume_info_bucket *larger = vol_info_buckets.allocate_larger();
+	if (!larger)
+		return nullptr;
+	WriteLock lock(vol_info_rwsem);
+	return vol_info_buckets.grow(larger, dev);
+}
+
+// Makes the volume's directory and stores the volume in its free slot, which nobody else takes in
+// between; undone as a whole on failure.
 static int enter_volume(volume_info_bucket &bucket, ka_dev_t dev, volume_info *volume)
 {
-	bucket = {dev, volume};
-	if (!volume_info_get(volume)) {
-		bucket = {};
+	if (!volume_info_get(volume))
 		return -KA_EINVAL;
-	}
 	char name[24];
 	ka_snprintf(name, sizeof(name), "%d:%d", ka_major(dev), ka_minor(dev));
 	if (ka_kobject_add(&volume->kobj, &wt_context.kobj, name) != 0) {
-		bucket = {};
 		volume_info_put(volume);
 		return -KA_EINVAL;
 	}
+	fill_bucket(bucket, {dev, volume});
 	return 0;
 }
 
 int add_volume_info(ka_dev_t dev, volume_info *volume)
 {
-	WriteLock lock(vol_info_rwsem);
-	NoIoScope noio;
+	MutexLock change(vol_info_change_mtx);
 	ContextRef context;
 	if (!context)
 		return -KA_EAGAIN;
 	if (!vol_info_buckets.exists())
 		return -KA_EINVAL;
 
-	volume_info_bucket *bucket = vol_info_buckets.lookup_free(dev);
-	if (bucket && bucket->vib_volinfo) {
+	volume_info_bucket *bucket = bucket_for(dev);
+	if (!bucket)
+		return -KA_ENOMEM;
+	if (bucket->vib_volinfo) {
 		WT_WARN("Duplicate Entry for %d:%d found\n", ka_major(dev), ka_minor(dev));
 		return -KA_EEXIST;
 	}
-	if (!bucket)
-		bucket = vol_info_buckets.grow(dev);
-	if (!bucket)
-		return -KA_ENOMEM;
 	return enter_volume(*bucket, dev, volume);
 }
 
-// An open waits for others who have the device open, and these may wait for reads of a tracked
-// disk.
+// An open may read from the disk, whose hook still has to find the volume then.
 static bool can_be_opened(ka_dev_t dev)
 {
 	return OpenDevice(dev).error() == 0;
@@ -166,21 +195,20 @@ static bool can_be_opened(ka_dev_t dev)
 int remove_volume_info(ka_dev_t dev)
 {
 	const bool is_present = can_be_opened(dev);
-	WriteLock lock(vol_info_rwsem);
-	NoIoScope noio;
+	MutexLock change(vol_info_change_mtx);
 	volume_info_bucket *bucket = vol_info_buckets.__lookup_bucket(dev);
 	if (!bucket)
 		return -KA_ENOENT;
 
 	volume_info *volume = bucket->vib_volinfo;
+	// No tombstone: an entry that had probed past this slot is not found by lookups from now
+	// on.
+	fill_bucket(*bucket, {});
 	ka_kobject_del(&volume->kobj);
 	// A device that cannot be opened any more may still be in somebody's hands, with a table of
 	// operations that lies in the record: the record is left to it for good.
 	if (is_present)
 		ka_kobject_put(&volume->kobj);
-	// No tombstone: an entry that had probed past this slot is not found by lookups from now
-	// on.
-	*bucket = {};
 	return 0;
 }
 

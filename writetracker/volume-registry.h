@@ -22,7 +22,7 @@ struct volume_info {
 	ka_dev_t vi_devt_parent; // the whole disk; vi_devt itself for one
 	int vi_partno;           // 0 for a whole disk
 	char vi_istracked;
-	char vi_iswithdrawn;  // its directory is going or gone: tracking does not start again
+	char vi_isremoved;    // on its way out of the registry: no tracking begins any more
 	uint64_t vi_savetime; // opaque to the driver
 	// The disk's operations with the driver's ioctl entries, and the table they replaced: null
 	// while the disk is not patched.

@@ -4,6 +4,7 @@
 #include "volume-sysfs.h"
 
 #include "../kernel-abstractions/memory.h"
+#include "scan.h"
 #include "volume-manager.h"
 #include "wt-logging.h"
 
@@ -53,11 +54,9 @@ static long last_backup_time_show(volume_info *volume, char *page)
 
 static long last_backup_time_store(volume_info *volume, const char *page, size_t length)
 {
-	unsigned long long time;
-	if (ka_sscanf(page, "%llu", &time) != 1)
-		return -KA_EINVAL;
 	WI_DATA data = {};
-	data.savetime = time;
+	if (!scan_unsigned(&page, &data.savetime))
+		return -KA_EINVAL;
 	return taken(volume_manager_set_data(volume, &data), length);
 }
 
@@ -70,7 +69,7 @@ static long is_tracked_show(volume_info *volume, char *page)
 static long is_tracked_store(volume_info *volume, const char *page, size_t length)
 {
 	backUp backup = {};
-	if (ka_sscanf(page, "%d", &backup.level) != 1)
+	if (!scan_signed(&page, &backup.level))
 		return -KA_EINVAL;
 	if (backup.level == volume_manager_backup_level(volume))
 		return static_cast<long>(length);
@@ -94,8 +93,8 @@ static long volume_extents_show(volume_info *volume, char *page)
 
 static long clear_bitmap_store(volume_info *volume, const char *page, size_t length)
 {
-	int confirmed;
-	if (ka_sscanf(page, "%d", &confirmed) != 1 || confirmed == 0)
+	int confirmed = 0;
+	if (!scan_signed(&page, &confirmed) || confirmed == 0)
 		return -KA_EINVAL;
 	return taken(volume_manager_clear_bitmap(volume), length);
 }

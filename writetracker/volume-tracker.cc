@@ -11,6 +11,7 @@
 static constexpr wt_log_group wt_group = WT_LOG_GROUP_VOLUME_TRACKER;
 
 static constexpr uint64_t ALL_ONES = ~uint64_t(0);
+static constexpr unsigned long HOOK_CALL_LIMIT = 500; // jiffies that a switch waits for hook calls
 
 // --- The hook ----------------------------------------------------------------------------------
 
@@ -160,31 +161,52 @@ int volume_info_allocate_bitmap(volume_info *volume)
 	return 0;
 }
 
+// Adds the blocks of another bitmap, as far as the sizes go: 0 means written, so AND is the union.
+static void add_written(hbitmap *to, const hbitmap *from)
+{
+	const int64_t size = to->size < from->size ? to->size : from->size;
+	for (int64_t i = size / static_cast<int64_t>(sizeof(uint64_t)); i-- > 0;)
+		to->bitmap[i] &= atomic_read(&from->bitmap[i]);
+}
+
+// Returns once no hook call is in progress, or after a while: a busy disk always has one.
+static void wait_for_hook_calls(const volume_info *volume)
+{
+	const unsigned long start = ka_jiffies();
+	while (volume->vi_reqcount.get() != 0 && ka_jiffies() - start < HOOK_CALL_LIMIT)
+		ka_schedule();
+}
+
 int volume_info_switch_bitmap(volume_info *volume)
 {
 	if (!volume->vi_istracked) {
 		WT_WARN("Tracking not enabled on volume %s\n", volume->vi_dname);
 		return -KA_EINVAL;
 	}
+	// A write may have been handed on before the switch, and so be in the snapshot, but be
+	// accounted for after it, by a task that lost the processor in between. What such calls
+	// write counts on both sides: it would be missing from the increment up to the switch, and
+	// other writes that are marked meanwhile must not be missing from the next.
+	const bool calls_in_progress = volume->vi_reqcount.get() != 0;
 	hbitmap *old = volume->vi_bitmap.get();
 	int err = volume_info_allocate_bitmap(volume);
 	if (err != 0)
 		return err;
+	if (calls_in_progress)
+		wait_for_hook_calls(volume);
 	ka_synchronize_sched(); // the last hook call that saw the old bitmap is done with it
+	if (calls_in_progress)
+		add_written(old, volume->vi_bitmap.get());
 
 	hbitmap *snapshot = volume->vi_bitmap_snapshot;
 	if (!snapshot) {
 		volume->vi_bitmap_snapshot = old;
 		return 0;
 	}
-	// 0 means written, so AND is the union of what was written. After a change of size the
-	// newer bitmap is the one to keep.
-	const int64_t size = snapshot->size < old->size ? snapshot->size : old->size;
-	const int64_t words = size / static_cast<int64_t>(sizeof(uint64_t));
+	// After a change of size the newer bitmap is the one to keep.
 	hbitmap *kept = snapshot->size == old->size ? snapshot : old;
 	hbitmap *discarded = kept == snapshot ? old : snapshot;
-	for (int64_t i = words; i-- > 0;)
-		kept->bitmap[i] &= discarded->bitmap[i];
+	add_written(kept, discarded);
 	volume->vi_bitmap_snapshot = kept;
 	ka_vfree(discarded);
 	return 0;

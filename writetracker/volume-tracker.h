@@ -32,8 +32,9 @@ int volume_info_start_tracking(volume_info *volume);
 // for running hook calls and frees both bitmaps. -EINVAL when not tracked or when somebody hooked
 // the queue after us (tracking then goes on), or the open's error.
 int volume_info_stop_tracking(volume_info *volume, bool unpatch_mrfqn);
-// Puts a fresh live bitmap in place and folds the old one into the frozen one. -EINVAL when not
-// tracked, -ENOMEM.
+// Puts a fresh live bitmap in place and folds the old one into the frozen one. Writes on their way
+// through the hook at the time may be in both; half a second is the most that is waited for them.
+// -EINVAL when not tracked, -ENOMEM.
 int volume_info_switch_bitmap(volume_info *volume);
 // Writes the runs of written blocks from the sector `offset` on, in ascending order, into the
 // array, whose capacity is wtes_size. Returns how many. A run that reaches the last bit of the

@@ -3,6 +3,7 @@
 #include "writetracker-sysfs.h"
 
 #include "../kernel-abstractions/memory.h"
+#include "scan.h"
 #include "udev-patcher.h"
 #include "writetracker.h"
 #include "wt-logging.h"
@@ -28,11 +29,6 @@ const writetracker_sysfs_entry *entry_of(ka_attribute *attribute)
 {
 	static_assert(__builtin_offsetof(writetracker_sysfs_entry, attr) == 0);
 	return reinterpret_cast<writetracker_sysfs_entry *>(attribute);
-}
-
-bool is_space(char c)
-{
-	return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
 bool ends_line(char c)
@@ -77,9 +73,9 @@ static int set_group(const char *text, size_t length)
 	memcpy(group, line, end);
 
 	// A line that is only a name is followed by the zeroes of its buffer: no level.
-	const char *level = line + end + 1;
-	unsigned int verbosity;
-	if (ka_sscanf(level, "%u", &verbosity) != 1 || verbosity > WT_MAX_VERBOSITY ||
+	const char *level = line + end + 1, *rest = level;
+	unsigned int verbosity = 0;
+	if (!scan_unsigned(&rest, &verbosity) || verbosity > WT_MAX_VERBOSITY ||
 	    wt_logging_update(group, verbosity) != 0) {
 		WT_WARN("Invalid Verbosity Level %s or log-group %s\n", level, group);
 		return -KA_EINVAL;
@@ -108,8 +104,9 @@ static int set_groups(const char *text, const char *end)
 
 static long wt_verbosity_store(const char *page, size_t length)
 {
-	unsigned int verbosity;
-	if (ka_sscanf(page, "%u", &verbosity) == 1) {
+	const char *rest = page;
+	unsigned int verbosity = 0;
+	if (scan_unsigned(&rest, &verbosity)) {
 		if (wt_logging_update_all(verbosity) != 0) {
 			WT_WARN("Invalid Verbosity Level %d\n", static_cast<int>(verbosity));
 			return -KA_EINVAL;

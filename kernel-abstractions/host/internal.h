@@ -25,7 +25,6 @@ struct Task {
 	~Task();
 
 	bool admin = true;
-	bool noio = false;
 	bool worker = false;
 	bool irqs_off = false;
 	int atomic_depth = 0; /* sections in which it must not sleep */
@@ -59,7 +58,6 @@ private:
 	const char *name_;
 	size_t held_;
 	int atomic_depth_;
-	bool noio_;
 };
 
 /* An error noticed where nothing can be thrown, as in an unlock; leaks() tells. */

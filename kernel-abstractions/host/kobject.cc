@@ -385,8 +385,10 @@ int ka_sysfs_create_bin_file(ka_kobject *kobj, ka_bin_attribute *attribute)
 		return static_cast<int>(error);
 	std::lock_guard guard(state().lock);
 	auto &directory = state().objects[kobj];
-	if (!directory.visible)
+	if (!directory.visible) {
+		violation("ka_sysfs_create_bin_file: no directory");
 		return -KA_EINVAL;
+	}
 	return directory.files.try_emplace(attribute->name, File{.binary = attribute}).second
 		       ? 0
 		       : -KA_EEXIST;
@@ -396,5 +398,8 @@ void ka_sysfs_remove_bin_file(ka_kobject *kobj, ka_bin_attribute *attribute)
 {
 	might_sleep("ka_sysfs_remove_bin_file");
 	std::lock_guard guard(state().lock);
-	state().objects[kobj].files.erase(attribute->name);
+	auto &directory = state().objects[kobj];
+	if (!directory.visible)
+		return violation("ka_sysfs_remove_bin_file: no directory");
+	directory.files.erase(attribute->name);
 }

@@ -92,7 +92,7 @@ void release(const void *memory, const char *call, bool mismatched)
 void make_room()
 {
 	static thread_local bool running;
-	if (current().noio || running || !state().reclaim)
+	if (running || !state().reclaim)
 		return;
 	running = true;
 	state().reclaim();
@@ -235,16 +235,6 @@ void ka_vfree(const void *memory)
 void ka_kfree(const void *memory)
 {
 	release(memory, "ka_kfree", true);
-}
-
-unsigned int ka_memalloc_noio_save(void)
-{
-	return std::exchange(current().noio, true);
-}
-
-void ka_memalloc_noio_restore(unsigned int flags)
-{
-	current().noio = flags != 0;
 }
 
 unsigned long ka_copy_from_user(void *to, const void *from_user, unsigned long size)

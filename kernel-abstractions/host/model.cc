@@ -6,7 +6,6 @@
 #include <dlfcn.h>
 #include <link.h>
 
-#include <cctype>
 #include <cstdarg>
 #include <cstring>
 #include <mutex>
@@ -306,30 +305,6 @@ int ka_snprintf(char *buffer, size_t size, const char *format, ...)
 	int length = vsnprintf(buffer, size, format, arguments);
 	va_end(arguments);
 	return length;
-}
-
-int ka_sscanf(const char *text, const char *format, ...)
-{
-	const std::string conversion = format;
-	if (conversion != "%d" && conversion != "%u" && conversion != "%llu")
-		throw Bug("ka_sscanf: no conversion of the contract: " + conversion);
-	text += strspn(text, " \t\n\v\f\r");
-	const bool negative = conversion == "%d" && *text == '-';
-	text += negative;
-	if (!std::isdigit(static_cast<unsigned char>(*text)))
-		return 0;
-	unsigned long long value = 0;
-	for (; std::isdigit(static_cast<unsigned char>(*text)); text++)
-		value = value * 10 + (*text - '0');
-
-	va_list arguments;
-	va_start(arguments, format);
-	if (conversion == "%llu")
-		*va_arg(arguments, unsigned long long *) = value;
-	else
-		*va_arg(arguments, unsigned int *) = negative ? -value : value;
-	va_end(arguments);
-	return 1;
 }
 
 void ka_bug(const char *file, int line)

@@ -124,7 +124,7 @@ Task::Task()
 
 Task::~Task()
 {
-	if (!held.empty() || atomic_depth > 0 || noio)
+	if (!held.empty() || atomic_depth > 0)
 		violation("a thread ended with locks held or in atomic context");
 	std::lock_guard guard(tasks().lock);
 	std::erase(tasks().all, this);
@@ -148,8 +148,7 @@ bool is_held(const void *lock)
 }
 
 CallIntoDriver::CallIntoDriver(const char *name)
-    : name_(name), held_(current().held.size()), atomic_depth_(current().atomic_depth),
-      noio_(current().noio)
+    : name_(name), held_(current().held.size()), atomic_depth_(current().atomic_depth)
 {
 }
 
@@ -159,8 +158,6 @@ CallIntoDriver::~CallIntoDriver()
 		violation(printed("%s: a lock was not given back", name_));
 	if (current().atomic_depth != atomic_depth_)
 		violation(printed("%s: returned in atomic context", name_));
-	if (current().noio != noio_)
-		violation(printed("%s: allocations stay without I/O", name_));
 }
 
 bool holds_lock_in(const Task &task, const void *memory, size_t size)
@@ -181,7 +178,6 @@ void reset_sync()
 	current().held.clear();
 	current().atomic_depth = 0;
 	current().irqs_off = false;
-	current().noio = false;
 	current().admin = true;
 	if (current().read_depth > 0)
 		current().read_sections++;

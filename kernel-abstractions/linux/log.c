@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The kernel log, formatted output and input. */
+/* The kernel log and formatted output. */
 #include "../log.h"
 
 #include <linux/kernel.h>
@@ -24,17 +24,6 @@ int ka_snprintf(char *buffer, size_t size, const char *format, ...)
 	length = vsnprintf(buffer, size, format, args);
 	va_end(args);
 	return length;
-}
-
-int ka_sscanf(const char *text, const char *format, ...)
-{
-	va_list args;
-	int found;
-
-	va_start(args, format);
-	found = vsscanf(text, format, args);
-	va_end(args);
-	return found;
 }
 
 void ka_bug(const char *file, int line)

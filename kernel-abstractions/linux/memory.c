@@ -27,16 +27,6 @@ void ka_kfree(const void *memory)
 		kfree(memory);
 }
 
-unsigned int ka_memalloc_noio_save(void)
-{
-	return kernel_noio_save();
-}
-
-void ka_memalloc_noio_restore(unsigned int flags)
-{
-	kernel_noio_restore(flags);
-}
-
 unsigned long ka_copy_from_user(void *to, const void *from_user, unsigned long size)
 {
 	return copy_from_user(to, (const void __user *)from_user, size);

@@ -491,6 +491,28 @@ TEST_F(Volume, RemoveOfAnUnpluggedDisk)
 	model::expect_leaked_object("8:0");
 }
 
+// Who looked the volume up before it was removed may get at it after.
+TEST_F(Volume, CommandsOvertakenByTheRemoval)
+{
+	backUp backup{.level = 7, .PartitionLength = 0};
+	model::before("ka_mutex_lock_interruptible",
+		      [&] { EXPECT_EQ(volume_remove(disk.dev()), 0); });
+	EXPECT_EQ(volume_manager_start_tracking(volume.get(), &backup), -22);
+	EXPECT_EQ(backup.level, 0);
+	EXPECT_EQ(volume->vi_bitmap.get(), nullptr);
+	EXPECT_EQ(ka_queue_make_request(disk.queue()), disk.native_make_request());
+	EXPECT_EQ(volume_manager_stop_tracking(volume.get(), &backup), 0);
+
+	// The device is another volume by now, which is tracked as ever.
+	ASSERT_EQ(volume_add(disk.dev()), 0);
+	EXPECT_EQ(volume_manager_start_tracking(volume.get(), nullptr), -22);
+	VolumeRef again = volume_of(disk);
+	EXPECT_EQ(volume_manager_start_tracking(again.get(), nullptr), 0);
+	EXPECT_TRUE(model::sysfs_exists(bitmap_file));
+	EXPECT_EQ(volume_manager_stop_tracking(volume.get(), nullptr), 0);
+	EXPECT_TRUE(model::sysfs_exists(bitmap_file));
+}
+
 TEST_F(Volume, RemoveFailures)
 {
 	struct {
@@ -518,6 +540,7 @@ TEST_F(Volume, UnloadWithAHookOnTopOfOurs)
 	volume.reset(nullptr);
 	auto ours = ka_queue_make_request(disk.queue());
 	ka_queue_set_make_request(disk.queue(), disk.native_make_request());
+	model::before("ka_kobject_del", [] { EXPECT_FALSE(model::sysfs_exists(bitmap_file)); });
 	unload();
 	EXPECT_EQ(model::logged(warn_line("!!Cannot Untrack: Overstaking of Request Queue Function "
 					  "of Disk:sda")),

@@ -227,24 +227,53 @@ TEST_F(VolumeRegistry, CallbackMayRemoveItsVolume)
 	EXPECT_THROW(for_each_volume_info(nullptr), model::Bug);
 }
 
-// Making room for an allocation may write to a tracked disk, whose hook takes the lock shared.
-TEST_F(VolumeRegistry, NoReclaimThroughTheHookUnderTheLock)
+// Making room for an allocation may write to a tracked disk, and so may whoever holds the locks of
+// sysfs: its hook must get the lookup's lock at any time.
+TEST_F(VolumeRegistry, WritesGoOnWhileVolumesComeAndGo)
 {
 	Disk disk = model::add_disk({.name = "sdb", .minor = 32});
 	ASSERT_EQ(volume_add(disk.dev()), 0);
 	VolumeRef volume(lookup_volume_info(disk.dev()));
 	ASSERT_EQ(volume_manager_start_tracking(volume.get(), nullptr), 0);
-	int reclaims = 0;
-	model::on_reclaim([&] {
-		reclaims++;
+	int writes = 0;
+	auto write = [&] {
+		writes++;
 		EXPECT_EQ(disk.write(0, 512).result, 0);
-	});
+	};
 	plug_all({sda + 16});
+	model::on_reclaim(write);
+	for (auto *call : {"ka_kobject_add", "ka_kobject_del"})
+		model::before(call, write);
 	EXPECT_EQ(add(sda + 16), 0);
+	const int while_adding = writes;
+	EXPECT_GE(while_adding, 3); // the record, the hold-up in sysfs, the directory
 	EXPECT_EQ(remove_volume_info(sda + 16), 0);
-	EXPECT_GT(reclaims, 0);
-	volume_registry_init();
+	EXPECT_GT(writes, while_adding);
 	model::on_reclaim(nullptr);
+}
+
+// Who adds a device while somebody else does waits, and is told that it is there. Neither finds a
+// volume that has no directory yet.
+TEST_F(VolumeRegistry, TwoAddersOfOneDevice)
+{
+	std::thread second;
+	std::atomic<int> result{0};
+	model::before("ka_kobject_add", [&] {
+		EXPECT_FALSE(finds(sda));
+		second = std::thread([&] { result = add(sda); });
+		for (int i = 0; i < 1000; i++)
+			std::this_thread::yield();
+		EXPECT_EQ(result, 0);
+	});
+	EXPECT_EQ(add(sda), 0);
+	second.join();
+	EXPECT_EQ(result, -17);
+	EXPECT_EQ(model::logged(warn_line("Duplicate Entry for 8:0 found")), 1);
+	EXPECT_THAT(visited(), ElementsAre(sda));
+
+	// The directory goes when lookups no longer find the volume.
+	model::before("ka_kobject_del", [] { EXPECT_FALSE(finds(sda)); });
+	EXPECT_EQ(remove_volume_info(sda), 0);
 }
 
 TEST_F(VolumeRegistry, LookupsDuringAddAndRemove)

@@ -126,8 +126,7 @@ TEST_F(WriteTracker, FailedStagesAreUndoneAndRetried)
 		EXPECT_EQ(log[log.size() - 1], info_line("Udev Un-Patch Complete"));
 		EXPECT_TRUE(model::sysfs_exists("/sys/zorvat"));
 		EXPECT_FALSE(model::node_exists("/dev/zorvat-control"));
-		EXPECT_THAT(leaks(),
-			    testing::Not(testing::Contains(testing::HasSubstr("memory"))));
+		EXPECT_THAT(leaks(), testing::Not(testing::Contains(testing::HasSubstr("memory"))));
 		EXPECT_EQ(ka_kset_get_uevent_ops(model::devices()), model::native_uevent_ops());
 
 		model::advance(999);
@@ -140,8 +139,8 @@ TEST_F(WriteTracker, FailedStagesAreUndoneAndRetried)
 	}
 }
 
-// The device-mapper is hooked once per load. A start-up that fails behind it does not come up again;
-// each try leaves the control node open once.
+// The device-mapper is hooked once per load. A start-up that fails behind it does not come up
+// again; each try leaves the control node open once.
 TEST_F(WriteTracker, AFailureBehindTheDeviceMapperIsFinal)
 {
 	for (const char *call : {"ka_misc_register", "ka_genl_register_family_with_ops"}) {
@@ -150,7 +149,8 @@ TEST_F(WriteTracker, AFailureBehindTheDeviceMapperIsFinal)
 		ASSERT_EQ(init_module(), 0);
 		model::advance(5000);
 		EXPECT_EQ(model::logged("Unable to initialize control device"), 1);
-		EXPECT_EQ(model::logged(error_line("Error Patching the dm-control device(-16)")), 5);
+		EXPECT_EQ(model::logged(error_line("Error Patching the dm-control device(-16)")),
+			  5);
 		EXPECT_EQ(model::logged(error_line("Cannot unload module since Misc Device already "
 						   "re-patched")),
 			  5);

@@ -181,6 +181,47 @@ remove_partitions() {
 	blockdev --rereadpt "$disk"
 }
 
+# --- Logical volumes, until the case ends
+
+use_volume_group() { # vg on the first disk
+	modprobe -q dm-snapshot || true
+	dmsetup targets | grep -q snapshot-origin || skip "no dm-snapshot"
+	mkdir -p /etc/lvm
+	cat >/etc/lvm/lvm.conf <<-CONF
+	devices { filter = [ "a|^/dev/vda|", "r|.*|" ] use_devicesfile = 0 }
+	global { event_activation = 0 use_lvmpolld = 0 }
+	activation { udev_sync = 0 udev_rules = 0 monitoring = 0 }
+	backup { backup = 0 archive = 0 }
+	CONF
+	dd if=/dev/zero of=/dev/vda bs=1M count=1 2>/dev/null
+	lvm vgcreate -q vg /dev/vda
+	defer 'lvm vgremove -q -f vg'
+}
+
+use_volume() { # MEBIBYTES: $volume, with a file system mounted on /mnt
+	use_volume_group
+	lvm lvcreate -q -y -n data -L "$1m" vg
+	volume=/dev/vg/data
+	mkfs.ext4 -q -O ^metadata_csum,^64bit,^orphan_file $volume
+	mount -t ext4 $volume /mnt
+	defer umount /mnt
+}
+
+use_copy() { # $copy: a device of the volume's size
+	dmsetup create copy --table "0 $(sectors_of $volume) linear /dev/vdc 0"
+	defer dmsetup remove copy
+	copy=/dev/mapper/copy
+}
+
+take_snapshot() { # $snapshot
+	snapshot=/dev/vg/ZKR_snapshot1
+	lvm lvcreate -q -s -n ZKR_snapshot1 -l 100%FREE vg/data
+}
+
+drop_snapshot() {
+	lvm lvremove -q -f vg/ZKR_snapshot1
+}
+
 # --- Work
 
 # Random writes of all sizes to $disk, as far as the options do not say otherwise.
@@ -215,4 +256,12 @@ report_changes() { # DISK: leaves the report in /tmp/extents
 	sync
 	blockdev --flushbufs "$1"
 	zorvatctl extents "$1" >/tmp/extents
+}
+
+# Whole 64 KiB blocks; the last one of the disk may be shorter.
+copy_extents() { # FROM TO: reads "START LENGTH ..." lines
+	while read -r start length remark; do
+		dd if="$1" of="$2" bs=64k skip=$((start / 128)) seek=$((start / 128)) \
+			count=$(((length + 127) / 128)) conv=notrunc 2>/dev/null
+	done
 }

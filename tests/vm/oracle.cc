@@ -2,6 +2,7 @@
 // Judges a report of changed extents without the driver's help:
 //
 //   oracle images BEFORE AFTER EXTENTS   every 64 KiB block whose content differs is reported
+//   oracle equal IMAGE IMAGE             no block differs
 //   oracle log LOG EXTENTS               every block written according to a dm-log-writes log is
 //                                        reported, and no other but those the rule adds
 //
@@ -258,9 +259,12 @@ bool run(const std::vector<std::string> &words)
 {
 	if (words.size() == 4 && words[0] == "images")
 		return judge_images(words[1], words[2], words[3]);
+	if (words.size() == 3 && words[0] == "equal")
+		return none_in(differing_blocks(File(words[1]), File(words[2])), "blocks differ");
 	if (words.size() == 3 && words[0] == "log")
 		return judge_log(words[1], words[2]);
-	throw std::runtime_error("usage: oracle images BEFORE AFTER EXTENTS | log LOG EXTENTS");
+	throw std::runtime_error("usage: oracle images BEFORE AFTER EXTENTS | equal IMAGE IMAGE | "
+				 "log LOG EXTENTS");
 }
 
 } // namespace

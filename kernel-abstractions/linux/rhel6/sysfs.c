@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Readers of binary files that are removed. This kernel cannot remove a file without waiting for its
- * readers, and whoever removes one may hold the lock that a reader waits for, interruptibly. So the
- * reader is made to believe that a signal came. The kernel finds none when the reader returns to
- * user space, and takes the mark away.
+ * Readers of binary files that are removed. This kernel cannot remove a file without waiting for
+ * its readers, and whoever removes one may hold the lock that a reader waits for, interruptibly. So
+ * the reader is made to believe that a signal came. The kernel finds none when the reader returns
+ * to user space, and takes the mark away.
  */
 #include <linux/list.h>
 #include <linux/sched.h>

@@ -35,16 +35,6 @@ static inline void *kernel_vmalloc_quiet(size_t size)
 	return __vmalloc(size, GFP_KERNEL | __GFP_HIGHMEM | __GFP_NOWARN, PAGE_KERNEL);
 }
 
-/* This kernel has no such scope. */
-static inline unsigned int kernel_noio_save(void)
-{
-	return 0;
-}
-
-static inline void kernel_noio_restore(unsigned int flags)
-{
-}
-
 static inline bool kernel_access_ok(const void *user, unsigned long size)
 {
 	return access_ok(VERIFY_WRITE, (const void __user *)user, size);

@@ -18,7 +18,8 @@ struct ka_bio {
 	ka_sector_t sector;
 	uint64_t bytes;
 	bool is_write;
-	bool handed_on; /* somebody below has the bio now */
+	bool handed_on;  /* somebody below has the bio now */
+	bool holds_disk; /* with a reference on its device, in place of the queue's */
 };
 
 #endif

@@ -10,7 +10,6 @@
 #include <linux/netlink.h>
 #include <linux/printk.h>
 #include <linux/rcupdate.h>
-#include <linux/sched/mm.h>
 #include <linux/sysfs.h>
 #include <linux/uaccess.h>
 #include <linux/vmalloc.h>
@@ -27,16 +26,6 @@ static inline void kernel_vprintk(int level, const char *format, va_list args)
 static inline void *kernel_vmalloc_quiet(size_t size)
 {
 	return __vmalloc(size, GFP_KERNEL | __GFP_NOWARN);
-}
-
-static inline unsigned int kernel_noio_save(void)
-{
-	return memalloc_noio_save();
-}
-
-static inline void kernel_noio_restore(unsigned int flags)
-{
-	memalloc_noio_restore(flags);
 }
 
 static inline bool kernel_access_ok(const void *user, unsigned long size)
