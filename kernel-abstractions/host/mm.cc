@@ -11,6 +11,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstring>
 #include <list>
 #include <mutex>
@@ -120,7 +121,7 @@ void tell_closed(const Area &area, unsigned long start)
 void split_off(Area &area, unsigned long from)
 {
 	Area upper = area;
-	upper.start = std::exchange(area.end, from);
+	upper.start = area.end = from;
 	state().areas.push_back(upper);
 }
 
@@ -261,10 +262,9 @@ size_t shown_pages()
 void reset_mm()
 {
 	auto &m = state();
-	for (auto &area : m.areas) {
-		hide(area.start, area.end);
+	hide(0, ULONG_MAX);
+	for (auto &area : m.areas)
 		area.taken = nullptr;
-	}
 	m.taken.clear();
 	m.used = 0;
 }
