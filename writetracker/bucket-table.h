@@ -27,6 +27,7 @@ static_assert(hash_bits_of(128) == 7 && hash_bits_of(1u << 31) == 31 && hash_bit
 //   occupied(bucket) whether the slot holds a record
 //   key(bucket)      its key
 //   hash(key, bits)  the home index, below 2^bits
+//   keeps_length     whether a table is made anew with the length of the one before
 //   duplicate(index) called when a search for a free slot meets its own key
 template <typename Traits> class BucketTable
 {
@@ -48,15 +49,15 @@ public:
 	}
 
 	// The array of a first table, for create; null when memory is short.
-	static Bucket *allocate_first()
+	Bucket *allocate_first() const
 	{
-		return allocate(INITIAL_LENGTH);
+		return allocate(first_length());
 	}
 	// Only when there is no table.
 	void create(Bucket *first)
 	{
 		buckets = first;
-		length = INITIAL_LENGTH;
+		length = first_length();
 		num_bits = hash_bits_of(length);
 	}
 
@@ -121,6 +122,11 @@ public:
 
 private:
 	static constexpr uint32_t INITIAL_LENGTH = 128;
+
+	uint32_t first_length() const
+	{
+		return Traits::keeps_length ? length : INITIAL_LENGTH;
+	}
 
 	static Bucket *allocate(uint32_t count)
 	{
