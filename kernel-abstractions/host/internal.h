@@ -125,6 +125,8 @@ char *page_bytes(unsigned long pfn);
 
 /* What making room for an allocation may lead to. */
 void make_room();
+/* Memory is released in which objects may lie. One that never was in sysfs may just vanish. */
+void forget_objects_in(const void *memory, size_t size);
 /* Leaked on purpose: not reported with the memory around it. */
 void forgive_memory_around(const void *address);
 /* A lock in memory that is being released was not given back. */

@@ -273,6 +273,20 @@ void expect_leaked_object(const std::string &name)
 	state().expected_leaks.push_back(name);
 }
 
+void forget_objects_in(const void *memory, size_t size)
+{
+	auto begin = static_cast<const char *>(memory);
+	std::lock_guard guard(state().lock);
+	std::erase_if(state().objects, [&](auto &object) {
+		auto at = reinterpret_cast<const char *>(object.first);
+		if (at < begin || at >= begin + size)
+			return false;
+		if (!object.second.name.empty())
+			violation("memory of an object is released before the object");
+		return true;
+	});
+}
+
 void reset_kobjects()
 {
 	state().objects.clear();
@@ -305,8 +319,12 @@ using namespace model;
 void ka_kobject_init(ka_kobject *kobj, ka_kobj_type *type)
 {
 	std::lock_guard guard(state().lock);
-	if (!state().objects.try_emplace(kobj).second)
+	/* One whose memory was cleared was abandoned, and begins anew. */
+	auto known = state().objects.find(kobj);
+	if (known != state().objects.end() &&
+	    (known->second.visible || in<Kobject>(kobj).magic == alive))
 		throw Bug("ka_kobject_init: the object is in use");
+	state().objects[kobj] = {};
 	new (kobj->storage) Kobject{.type = type};
 }
 
