@@ -23,7 +23,9 @@ struct jorlvolume_info_bucket {
 struct JorlVolumeBuckets {
 	using Key = const void *;
 	using Bucket = jorlvolume_info_bucket;
-	static constexpr bool keeps_length = true;
+	enum {
+		keeps_length = true
+	};
 
 	static bool occupied(const Bucket &bucket)
 	{

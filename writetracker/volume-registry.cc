@@ -26,7 +26,9 @@ struct volume_info_bucket {
 struct VolumeBuckets {
 	using Key = ka_dev_t;
 	using Bucket = volume_info_bucket;
-	static constexpr bool keeps_length = false;
+	enum {
+		keeps_length = false
+	};
 
 	static bool occupied(const Bucket &bucket)
 	{
