@@ -81,6 +81,7 @@ void release(const void *memory, const char *call, bool mismatched)
 			return violation(printed("%s: not allocated", call));
 		if (holds_lock_in(current(), memory, found->second))
 			violation(printed("%s: a lock in it is held", call));
+		forget_objects_in(memory, found->second);
 		state().allocations.erase(found);
 		state().mismatched += mismatched;
 	}
