@@ -165,6 +165,9 @@ struct ka_disk_description {
 	int without_partitions; /* they are never looked for */
 };
 
+/* The most pages that a bio on a queue of the driver's touches. */
+#define KA_BIO_MAX_PAGES 1024
+
 /*
  * A queue that calls the function, under that lock or, for null, one of its own. At most `depth`
  * requests are under way. Segments of a bio on it are contiguous but for the pages' boundaries: only
@@ -174,7 +177,7 @@ struct request_queue *ka_blk_init_queue(ka_request_fn *function, struct ka_spinl
 					unsigned int depth, struct ka_disk_owner *owner);
 void ka_blk_cleanup_queue(struct request_queue *queue);
 struct ka_disk_owner *ka_queue_owner(struct request_queue *queue);
-/* In bytes. -EINVAL, with a line in the kernel log, for one that this kernel cannot have. */
+/* In bytes, before the disk is added. -EINVAL, with a line in the kernel log, for one that this kernel cannot have. */
 int ka_blk_queue_block_size(struct request_queue *queue, unsigned short logical,
 			    unsigned int physical);
 
@@ -210,7 +213,11 @@ struct ka_bio_extent {
 	unsigned int offset; /* of the first segment in its page */
 };
 void ka_request_bio_extent(const struct bio *bio, struct ka_bio_extent *extent);
-/* Calls back for each page segment in order, with its page's frame number, until non-zero. */
+/*
+ * Calls back for each page segment in order, with its page's frame number, until non-zero. -EIO
+ * without a call for a bio that somebody made up past the block layer and whose segments are not
+ * what the queue asks for.
+ */
 int ka_request_bio_for_each_page(struct bio *bio, int (*callback)(void *arg, unsigned long pfn),
 				 void *arg);
 

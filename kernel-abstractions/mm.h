@@ -22,7 +22,8 @@ struct ka_mapping {
 /*
  * Takes over the calling process's first mapping that ends above the address. It becomes one for
  * raw pages, is not inherited by children, keeps its operations but for close, and has `mapping` as
- * its private data. -ENOENT when there is none, -EBUSY when it has private data already.
+ * its private data. -ENOENT when there is none; -EBUSY when it has private data already or is no
+ * shared mapping of plain memory, which alone can show pages; -ENOMEM.
  *
  * closed, which may be null, is called when the mapping or a part split off it goes, with where
  * that began, under the address space's lock; it must not sleep.

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Generic-netlink requests and their answers: acknowledgements, and replies of one attribute that are
-// sent by unicast to whoever asked.
+// Generic-netlink requests and their answers: acknowledgements, and replies of one attribute that
+// are sent by unicast to whoever asked.
 #ifndef WT_GENL_REPLY_H
 #define WT_GENL_REPLY_H
 

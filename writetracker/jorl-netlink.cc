@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// The data link. Despite its name it is no netlink: the port id that user space gives when it starts
-// a disk is a TCP port.
+// The data link. Despite its name it is no netlink: the port id that user space gives when it
+// starts a disk is a TCP port.
 #include "jorl-netlink.h"
 
 #include "../kernel-abstractions/thread.h"
@@ -67,8 +67,8 @@ int jorl_netlink_send(socket *sock, const void *buf, size_t size)
 {
 	size_t total = 0;
 	while (total < size) {
-		const int sent = send_some(sock, static_cast<const char *>(buf) + total,
-					   size - total, size);
+		const int sent =
+			send_some(sock, static_cast<const char *>(buf) + total, size - total, size);
 		if (sent < 0)
 			return sent;
 		total += static_cast<size_t>(sent);
@@ -84,8 +84,8 @@ int jorl_netlink_recv(socket *sock, void *buf, size_t size)
 	       received == -KA_EAGAIN) {
 		if (wt_log_above(wt_group, 1))
 			attempts++;
-		WT_WARN("[NETL] Socket=%p Unable to recv. retrying %d\n",
-			static_cast<void *>(sock), attempts);
+		WT_WARN("[NETL] Socket=%p Unable to recv. retrying %d\n", static_cast<void *>(sock),
+			attempts);
 	}
 	if (received >= 0)
 		return received;

@@ -39,13 +39,6 @@ static jorlvolume_info *volume_of(ka_disk_owner *owner)
 		__builtin_offsetof(jorlvolume_info, dvi_disk_owner));
 }
 
-static jorlvolume_info *volume_of(ka_mapping *mapping)
-{
-	return reinterpret_cast<jorlvolume_info *>(
-		reinterpret_cast<char *>(mapping) -
-		__builtin_offsetof(jorlvolume_info, dvi_servicearea));
-}
-
 static const char *name_of(const jorlvolume_info *volume)
 {
 	return ka_disk_name(volume->dvi_disk);
@@ -183,19 +176,21 @@ static int ask_server(jorlvolume_info *volume, uint64_t start, uint64_t count, u
 	message.code = WT_NETLINK_CMD_READ;
 	message.offset_sector = start;
 	message.num_sectors = static_cast<int64_t>(count);
-	message.io_buffer = reinterpret_cast<void *>(ka_mapping_start(&volume->dvi_servicearea) +
-						     offset);
+	message.io_buffer =
+		reinterpret_cast<void *>(ka_mapping_start(&volume->dvi_servicearea) + offset);
 
 	int sent = jorl_netlink_send(volume->dvi_sd_socket, &message, sizeof(message));
 	if (sent >= 0 && static_cast<unsigned int>(sent) < sizeof(message)) {
 		sent = -KA_EIO;
-		WT_ERROR("[Disk-%s] Unable to send the entire message on the socket. Just %ld bytes "
-			 "written :-(\n",
-			 name_of(volume), static_cast<long>(sent));
+		WT_ERROR(
+			"[Disk-%s] Unable to send the entire message on the socket. Just %ld bytes "
+			"written :-(\n",
+			name_of(volume), static_cast<long>(sent));
 	}
 	if (sent < 0) {
-		WT_ERROR("[Disk-%s] Unable to send the disk i/o request on the socket. Error(%ld)\n",
-			 name_of(volume), static_cast<long>(sent));
+		WT_ERROR(
+			"[Disk-%s] Unable to send the disk i/o request on the socket. Error(%ld)\n",
+			name_of(volume), static_cast<long>(sent));
 		return sent;
 	}
 	return reply_outcome(volume, message,
@@ -423,9 +418,10 @@ static int take_service_area(jorlvolume_info *volume, const char *name, const vo
 	}
 	const size_t size = ka_mapping_size(area);
 	if (size < MIN_SERVICE_AREA) {
-		WT_ERROR("[JRREG] Service area at %p for disk %s not large enough. Need atleast %lu "
-			 "bytes but only %lu bytes available\n",
-			 servicearea, name, MIN_SERVICE_AREA, size);
+		WT_ERROR(
+			"[JRREG] Service area at %p for disk %s not large enough. Need atleast %lu "
+			"bytes but only %lu bytes available\n",
+			servicearea, name, MIN_SERVICE_AREA, size);
 		return -KA_EINVAL;
 	}
 	return 0;
@@ -446,9 +442,8 @@ static int make_queue(jorlvolume_info *volume, const char *name)
 	}
 	volume->dvi_kfifo = kfifo;
 	volume->dvi_disk_owner.operations = &jorl_volume_ops;
-	volume->dvi_queue =
-		ka_blk_init_queue(jorl_volume_request_fn, &volume->dvi_request_spinlock,
-				  QUEUE_DEPTH, &volume->dvi_disk_owner);
+	volume->dvi_queue = ka_blk_init_queue(jorl_volume_request_fn, &volume->dvi_request_spinlock,
+					      QUEUE_DEPTH, &volume->dvi_disk_owner);
 	if (!volume->dvi_queue) {
 		WT_ERROR("[JRREG] Unable to allocate mememory for request queue of disk %s\n",
 			 name);

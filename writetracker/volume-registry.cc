@@ -138,6 +138,11 @@ volume_info *lookup_volume_info(ka_dev_t dev)
 	return bucket ? volume_info_get(bucket->vib_volinfo) : nullptr;
 }
 
+void wait_for_volume_lookups()
+{
+	WriteLock lock(vol_info_rwsem);
+}
+
 // The slot for a device that is to be added: an empty one, its own if it is in the table already,
 // or null when there is no room and none can be made.
 static volume_info_bucket *bucket_for(ka_dev_t dev)

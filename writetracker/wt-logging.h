@@ -70,6 +70,6 @@ inline bool wt_log_above(wt_log_group group, unsigned int threshold)
 // Ungated, without a colon or a line feed: what traces the restore-disk manager's references.
 #define WT_TRACE(...)       ka_printk(KA_LOG_INFO, "[" KA_MODULE_NAME "][INFO]" __VA_ARGS__)
 #define WT_TRACE_ERROR(...) ka_printk(KA_LOG_ERR, "[" KA_MODULE_NAME "][ERROR]" __VA_ARGS__)
-#define WT_FATAL(...) ka_printk(KA_LOG_EMERG, "[" KA_MODULE_NAME "-FATAL]:" __VA_ARGS__)
+#define WT_FATAL(...)       ka_printk(KA_LOG_EMERG, "[" KA_MODULE_NAME "-FATAL]:" __VA_ARGS__)
 
 #endif

@@ -327,6 +327,8 @@ void ka_exit(void)
 
 int ka_module_get(void)
 {
+	if (injected("ka_module_get", -KA_ENXIO))
+		return 0;
 	machine().module_references++;
 	return 1;
 }

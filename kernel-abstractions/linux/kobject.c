@@ -108,6 +108,11 @@ void ka_kobject_put(struct ka_kobject *kobj)
 	kobject_put(KA_OBJECT(struct kobject, kobj));
 }
 
+unsigned int ka_kobject_references(const struct ka_kobject *kobj)
+{
+	return kernel_kobject_references(KA_OBJECT(const struct kobject, kobj));
+}
+
 /*
  * The file may be removed by somebody who holds a lock that this read waits for, so the removal
  * must not wait for the read. The references keep the object, and with it what the file reads, and

@@ -33,6 +33,11 @@ void ka_module_put(void)
 	module_put(THIS_MODULE);
 }
 
+void ka_module_hold(void)
+{
+	__module_get(THIS_MODULE);
+}
+
 void ka_generate_random_uuid(unsigned char uuid[16])
 {
 	generate_random_uuid(uuid);

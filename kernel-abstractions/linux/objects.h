@@ -13,9 +13,15 @@
 #include <linux/miscdevice.h>
 #include <linux/mutex.h>
 #include <linux/rwsem.h>
+#include <linux/spinlock.h>
 #include <linux/sysfs.h>
+#include <linux/wait.h>
 #include <linux/workqueue.h>
 #include <net/genetlink.h>
+
+#if __GNUC__ == 4 && __GNUC_MINOR__ < 6 /* RHEL 6's own compiler has no such word yet */
+#define _Static_assert(condition, message) extern int ka_assertion[(condition) ? 1 : -1]
+#endif
 
 #define KA_GENL_OPS_ROOM 32
 
@@ -31,11 +37,20 @@ struct ka_kernel_genl {
 	struct genl_ops ops[KA_GENL_OPS_ROOM];
 };
 
+/* A mapping taken over; what is known of it is kept apart, since the kernel may need it longer. */
+struct takeover;
+struct ka_kernel_mapping {
+	struct takeover *takeover; /* null: nothing taken */
+};
+
 /* Every storage of the contract, with the type that lies in it. */
 #define KA_FOR_EACH_OBJECT(X)                                                                      \
 	X(MUTEX, struct mutex)                                                                     \
 	X(RWSEM, struct rw_semaphore)                                                              \
 	X(COMPLETION, struct completion)                                                           \
+	X(SPINLOCK, spinlock_t)                                                                    \
+	X(WAIT_QUEUE, wait_queue_head_t)                                                           \
+	X(MAPPING, struct ka_kernel_mapping)                                                       \
 	X(KOBJECT, struct kobject)                                                                 \
 	X(KOBJ_TYPE, struct kobj_type)                                                             \
 	X(ATTRIBUTE, struct attribute)                                                             \

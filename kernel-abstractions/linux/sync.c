@@ -91,6 +91,27 @@ void ka_up_write(struct ka_rwsem *sem)
 	up_write(KA_OBJECT(struct rw_semaphore, sem));
 }
 
+void ka_spin_lock_init(struct ka_spinlock *lock, const char *name)
+{
+	spinlock_t *kernel = KA_OBJECT(spinlock_t, lock);
+
+	spin_lock_init(kernel);
+	lockdep_set_class_and_name(kernel, lock_class_of(name), name);
+}
+
+unsigned long ka_spin_lock_irqsave(struct ka_spinlock *lock)
+{
+	unsigned long flags;
+
+	spin_lock_irqsave(KA_OBJECT(spinlock_t, lock), flags);
+	return flags;
+}
+
+void ka_spin_unlock_irqrestore(struct ka_spinlock *lock, unsigned long flags)
+{
+	spin_unlock_irqrestore(KA_OBJECT(spinlock_t, lock), flags);
+}
+
 void ka_init_completion(struct ka_completion *completion)
 {
 	init_completion(KA_OBJECT(struct completion, completion));

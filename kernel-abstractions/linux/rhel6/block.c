@@ -8,8 +8,9 @@
 #include <linux/genhd.h>
 
 #include "../../module.h"
+#include "../takeovers.h"
 
-/* Nothing to set up here, and nothing of this layer's is left in the kernel. */
+/* Nothing to set up here. */
 int ka_init(void)
 {
 	return 0;
@@ -17,6 +18,7 @@ int ka_init(void)
 
 void ka_exit(void)
 {
+	ka_wait_for_takeovers();
 }
 
 struct block_device *ka_open_by_devnum(ka_dev_t dev, unsigned int mode)
@@ -89,9 +91,14 @@ void ka_queue_set_make_request(struct request_queue *queue, ka_make_request_fn *
 	queue->make_request_fn = (make_request_fn *)function;
 }
 
-/* The kernel does not know who runs the function; the driver counts. */
+/*
+ * The kernel does not know who runs the function. It is not preempted between reading the pointer
+ * and the function's first sleep: after a grace period everybody who read it is in the function,
+ * asleep, or out of it.
+ */
 void ka_queue_drain_make_request(struct request_queue *queue)
 {
+	synchronize_sched();
 }
 
 const struct ka_block_device_operations *ka_disk_fops(struct gendisk *disk)

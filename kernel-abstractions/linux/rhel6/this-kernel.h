@@ -3,12 +3,15 @@
 #ifndef KA_RHEL6_THIS_KERNEL_H
 #define KA_RHEL6_THIS_KERNEL_H
 
+#include <linux/bio.h>
 #include <linux/blkdev.h>
 #include <linux/fs.h>
 #include <linux/genhd.h>
 #include <linux/kernel.h>
+#include <linux/mm.h>
 #include <linux/netlink.h>
 #include <linux/rcupdate.h>
+#include <linux/sched.h>
 #include <linux/smp_lock.h>
 #include <linux/sysfs.h>
 #include <linux/uaccess.h>
@@ -57,6 +60,11 @@ static inline struct kobject *kernel_kobject_get(struct kobject *kobj)
 	return atomic_inc_not_zero(&kobj->kref.refcount) ? kobj : NULL;
 }
 
+static inline unsigned int kernel_kobject_references(const struct kobject *kobj)
+{
+	return atomic_read(&kobj->kref.refcount);
+}
+
 /*
  * A read of a binary file. Removing a file waits for its readers here: those who wait for a lock,
  * which the remover may hold, are called away, and get -ENODEV. See sysfs.c.
@@ -92,6 +100,87 @@ static inline int kernel_genl_register(struct genl_family *family, struct genl_o
 static inline void kernel_netlink_ack(struct sk_buff *request, struct nlmsghdr *header, int error)
 {
 	netlink_ack(request, header, error);
+}
+
+static inline size_t kernel_send_size(size_t length, size_t total)
+{
+	return total;
+}
+
+/* --- Address spaces ------------------------------------------------------------------------------
+ */
+
+#define KERNEL_VM_UNFIT (VM_NONLINEAR | VM_INSERTPAGE)
+#define KERNEL_VM_SHOWN VM_RESERVED
+
+static inline void kernel_mmgrab(struct mm_struct *mm)
+{
+	atomic_inc(&mm->mm_count);
+}
+
+static inline bool kernel_mmget_not_zero(struct mm_struct *mm)
+{
+	return atomic_inc_not_zero(&mm->mm_users);
+}
+
+static inline void kernel_mmap_write_lock(struct mm_struct *mm)
+{
+	down_write(&mm->mmap_sem);
+}
+
+static inline bool kernel_mmap_write_trylock(struct mm_struct *mm)
+{
+	return down_write_trylock(&mm->mmap_sem);
+}
+
+static inline void kernel_mmap_write_unlock(struct mm_struct *mm)
+{
+	up_write(&mm->mmap_sem);
+}
+
+/* Fails only for a mapping that is not one for raw pages. */
+static inline void kernel_zap_vma_ptes(struct vm_area_struct *vma, unsigned long address,
+				       unsigned long size)
+{
+	WARN_ON(zap_vma_ptes(vma, address, size));
+}
+
+/* A move cannot be refused: the copy, with the pages, belongs to the takeover like a split part. */
+static inline void kernel_refuse_moves(struct vm_operations_struct *operations)
+{
+}
+
+/* --- Block devices -------------------------------------------------------------------------------
+ */
+
+#define kernel_for_each_segment(segment, bio, position)                                            \
+	for (position = (bio)->bi_idx;                                                             \
+	     position < (bio)->bi_vcnt && (segment = (bio)->bi_io_vec[position], true);            \
+	     position++)
+typedef int kernel_bio_position;
+
+static inline sector_t kernel_bio_sector(const struct bio *bio)
+{
+	return bio->bi_sector;
+}
+
+static inline unsigned int kernel_bio_size(const struct bio *bio)
+{
+	return bio->bi_size;
+}
+
+/* What the release of a disk returns to the block layer. */
+typedef int kernel_disk_release_t;
+
+/* An open may come upon a disk that was deleted meanwhile: -ENXIO then. */
+int kernel_disk_open_begins(struct gendisk *disk);
+void kernel_disk_open_ends(void);
+
+static inline void kernel_queue_block_size(struct request_queue *queue, unsigned int logical,
+					   unsigned int physical)
+{
+	blk_queue_logical_block_size(queue, logical);
+	blk_queue_physical_block_size(queue, physical);
 }
 
 static inline void *kernel_locked_ioctl_slot(struct block_device_operations *fops)

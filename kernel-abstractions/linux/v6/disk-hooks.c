@@ -23,6 +23,7 @@
 #include "../../block.h"
 #include "../../module.h"
 #include "../objects.h"
+#include "../takeovers.h"
 #include "bio.h"
 
 /* A table that was or is installed. Somebody may point to it for as long as its disk_hooks live. */
@@ -676,6 +677,7 @@ void ka_exit(void)
 		if (!abandon_one())
 			schedule_timeout_idle(HZ / 20);
 	wait_for_readers();
+	ka_wait_for_takeovers();
 	destroy_workqueue(late_puts);
 	srcu_barrier(&hooks_srcu);
 }

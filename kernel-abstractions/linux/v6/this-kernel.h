@@ -3,9 +3,12 @@
 #ifndef KA_V6_THIS_KERNEL_H
 #define KA_V6_THIS_KERNEL_H
 
+#include <linux/bio.h>
+#include <linux/blk-mq.h>
 #include <linux/blkdev.h>
 #include <linux/file.h>
 #include <linux/fs.h>
+#include <linux/mm.h>
 #include <linux/module.h>
 #include <linux/netlink.h>
 #include <linux/printk.h>
@@ -46,6 +49,11 @@ static inline void kernel_mutex_unlock(struct mutex *mutex)
 static inline struct kobject *kernel_kobject_get(struct kobject *kobj)
 {
 	return kobject_get_unless_zero(kobj);
+}
+
+static inline unsigned int kernel_kobject_references(const struct kobject *kobj)
+{
+	return kref_read(&kobj->kref);
 }
 
 /* A read of a binary file: the file's removal goes ahead meanwhile. */
@@ -120,6 +128,93 @@ static inline void kernel_netlink_ack(struct sk_buff *request, struct nlmsghdr *
 {
 	netlink_ack(request, header, error, NULL);
 }
+
+/* The length must be that of the buffers. */
+static inline size_t kernel_send_size(size_t length, size_t total)
+{
+	return length;
+}
+
+/* --- Address spaces ------------------------------------------------------------------------------
+ */
+
+/* A mapping that userfaultfd watches has marks where it has no pages, which a zap leaves there. */
+#define KERNEL_VM_UNFIT (VM_UFFD_MISSING | VM_UFFD_WP | VM_UFFD_MINOR)
+#define KERNEL_VM_SHOWN VM_DONTDUMP
+
+static inline void kernel_mmgrab(struct mm_struct *mm)
+{
+	mmgrab(mm);
+}
+
+static inline bool kernel_mmget_not_zero(struct mm_struct *mm)
+{
+	return mmget_not_zero(mm);
+}
+
+static inline void kernel_mmap_write_lock(struct mm_struct *mm)
+{
+	mmap_write_lock(mm);
+}
+
+static inline bool kernel_mmap_write_trylock(struct mm_struct *mm)
+{
+	return mmap_write_trylock(mm);
+}
+
+static inline void kernel_mmap_write_unlock(struct mm_struct *mm)
+{
+	mmap_write_unlock(mm);
+}
+
+static inline void kernel_zap_vma_ptes(struct vm_area_struct *vma, unsigned long address,
+				       unsigned long size)
+{
+	zap_vma_ptes(vma, address, size);
+}
+
+static inline int kernel_refuse_move(struct vm_area_struct *vma)
+{
+	return -EINVAL;
+}
+
+/* A move takes the pages along, and would end in the close of the mapping that was taken. */
+static inline void kernel_refuse_moves(struct vm_operations_struct *operations)
+{
+	operations->mremap = kernel_refuse_move;
+}
+
+/* --- Block devices -------------------------------------------------------------------------------
+ */
+
+#define kernel_for_each_segment(segment, bio, position) bio_for_each_segment(segment, bio, position)
+typedef struct bvec_iter kernel_bio_position;
+
+static inline sector_t kernel_bio_sector(const struct bio *bio)
+{
+	return bio->bi_iter.bi_sector;
+}
+
+static inline unsigned int kernel_bio_size(const struct bio *bio)
+{
+	return bio->bi_iter.bi_size;
+}
+
+/* What the release of a disk returns to the block layer. */
+typedef void kernel_disk_release_t;
+
+/* A disk that is going is not opened. */
+static inline int kernel_disk_open_begins(struct gendisk *disk)
+{
+	return 0;
+}
+
+static inline void kernel_disk_open_ends(void)
+{
+}
+
+void kernel_queue_block_size(struct request_queue *queue, unsigned int logical,
+			     unsigned int physical);
 
 /* There is no ioctl under the big kernel lock any more. */
 static inline void *kernel_locked_ioctl_slot(struct block_device_operations *fops)

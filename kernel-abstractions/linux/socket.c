@@ -1,0 +1,50 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* Stream sockets. */
+#include "../socket.h"
+
+#include <linux/in.h>
+#include <linux/net.h>
+#include <linux/socket.h>
+#include <linux/uio.h>
+
+#include "this-kernel.h"
+
+struct socket *ka_sock_create_tcp(void)
+{
+	struct socket *socket;
+	int err = sock_create(AF_INET, SOCK_STREAM, IPPROTO_TCP, &socket);
+
+	return err ? ERR_PTR(err) : socket;
+}
+
+int ka_sock_connect(struct socket *socket, uint32_t address, uint16_t port)
+{
+	struct sockaddr_in peer = {
+		.sin_family = AF_INET,
+		.sin_addr.s_addr = htonl(address),
+		.sin_port = htons(port),
+	};
+
+	return socket->ops->connect(socket, (struct sockaddr *)&peer, sizeof(peer), O_RDWR);
+}
+
+int ka_sock_sendmsg(struct socket *socket, const void *buffer, size_t length, size_t total)
+{
+	struct msghdr message = {.msg_flags = MSG_NOSIGNAL};
+	struct kvec vector = {.iov_base = (void *)buffer, .iov_len = length};
+
+	return kernel_sendmsg(socket, &message, &vector, 1, kernel_send_size(length, total));
+}
+
+int ka_sock_recvmsg(struct socket *socket, void *buffer, size_t size)
+{
+	struct msghdr message = {.msg_flags = MSG_NOSIGNAL | MSG_WAITALL};
+	struct kvec vector = {.iov_base = buffer, .iov_len = size};
+
+	return kernel_recvmsg(socket, &message, &vector, 1, size, message.msg_flags);
+}
+
+void ka_sock_release(struct socket *socket)
+{
+	sock_release(socket);
+}
