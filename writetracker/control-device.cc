@@ -154,39 +154,24 @@ static int no_manager(sk_buff *skb, const genl_info *info)
 }
 
 // The manager's reference goes before an error is acknowledged.
-static int serve_with_manager(sk_buff *skb, genl_info *info,
-			      int (*serve)(sk_buff *skb, genl_info *info))
+template <typename Serve>
+static int serve_with_manager(sk_buff *skb, const genl_info *info, Serve serve)
 {
 	int err;
 	{
 		JorlManagerRef manager;
 		if (!manager)
 			return no_manager(skb, info);
-		err = serve(skb, info);
+		err = serve();
 	}
 	return err != 0 ? acknowledge_error(skb, info, err) : 0;
 }
 
-static int serve_jorlmanager(sk_buff *skb, genl_info *info)
-{
-	return jorlmanager_process_genl_msg(&jorlmanager_context, skb, info);
-}
-
-static int serve_jorlvolume(sk_buff *skb, genl_info *info)
-{
-	wt_jorl_diskhandle_t handle;
-	read_attribute(info, WT_GENATTR_JORL_DISKHANDLE, &handle);
-	JorlVolumeRef volume(lookup_jorlvolume_info(handle));
-	if (!volume) {
-		WT_ERROR("Unknown jorl device %p\n", handle);
-		return -KA_EINVAL;
-	}
-	return jorlmanager_process_volume_genl_msg(volume.get(), skb, info);
-}
-
 static int wt_genl_handler_jorlmanager_request(sk_buff *skb, genl_info *info)
 {
-	return serve_with_manager(skb, info, serve_jorlmanager);
+	return serve_with_manager(skb, info, [=] {
+		return jorlmanager_process_genl_msg(&jorlmanager_context, skb, info);
+	});
 }
 
 static int wt_genl_handler_jorlvolume_request(sk_buff *skb, genl_info *info)
@@ -200,7 +185,13 @@ static int wt_genl_handler_jorlvolume_request(sk_buff *skb, genl_info *info)
 		WT_ERROR("Invalid jorlvolume genl-request\n");
 		return acknowledge_error(skb, info, -KA_EINVAL);
 	}
-	return serve_with_manager(skb, info, serve_jorlvolume);
+	return serve_with_manager(skb, info, [=] {
+		JorlVolumeRef volume(lookup_jorlvolume_info(handle));
+		if (volume)
+			return jorlmanager_process_volume_genl_msg(volume.get(), skb, info);
+		WT_ERROR("Unknown jorl device %p\n", handle);
+		return -KA_EINVAL;
+	});
 }
 
 static constexpr ka_genl_ops _wt_genl_family_ops[] = {
