@@ -166,6 +166,8 @@ private:
 int forget_memory(size_t size);
 /* Calls of ka_vmalloc so far. */
 uint64_t allocations();
+/* Allocations begin on even pages (0), or odd ones (1). At boot: wherever it comes. */
+void allocate_on_page(int parity);
 /* Called by each allocation that may start I/O to make room, the kernel's own included. */
 void on_reclaim(std::function<void()> action);
 
