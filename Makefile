@@ -18,7 +18,7 @@ options_plain := -DCMAKE_BUILD_TYPE=RelWithDebInfo
 options_asan := -DCMAKE_BUILD_TYPE=Debug -DSANITIZE=address,undefined
 options_tsan := -DCMAKE_BUILD_TYPE=Debug -DSANITIZE=thread
 
-.PHONY: all module userspace test demo bench lint clean packages
+.PHONY: all module test-module userspace test demo bench lint clean packages
 all: module userspace
 
 packages:
@@ -26,6 +26,10 @@ packages:
 
 module: packages
 	@$(MAKE) --no-print-directory -C $(KDIR) M=$(CURDIR) modules
+
+# For the VM suite "overlay".
+test-module: packages
+	@$(MAKE) --no-print-directory -C $(KDIR) M=$(CURDIR)/tests/vm/overlay modules
 
 # build/plain, build/asan, build/tsan
 build-%: packages
@@ -37,7 +41,7 @@ userspace: build-plain
 lint: build-plain
 	@scripts/lint format tidy
 
-test: module build-plain build-asan build-tsan
+test: module test-module build-plain build-asan build-tsan
 	@scripts/test
 
 demo: module build-plain
@@ -48,5 +52,6 @@ bench: module build-plain
 	@vm/run fio
 
 clean:
-	@[ ! -d $(KDIR) ] || $(MAKE) --no-print-directory -C $(KDIR) M=$(CURDIR) clean
+	@[ ! -d $(KDIR) ] || for folder in . tests/vm/overlay; do \
+		$(MAKE) --no-print-directory -C $(KDIR) M=$(CURDIR)/$$folder clean; done
 	rm -rf build

@@ -240,7 +240,10 @@ int ka_disk_is_read_only(const struct gendisk *disk);
 int ka_add_disk(struct gendisk **disk);
 /* Only after ka_add_disk succeeded. Requests under way come to their end first. */
 void ka_del_gendisk(struct gendisk *disk);
-/* The last use of the disk. The queue may have been cleaned up before or not. */
+/*
+ * The last use of the disk. The queue may have been cleaned up before or not. Both may happen in the
+ * disk's own release operation.
+ */
 void ka_put_disk(struct gendisk *disk);
 
 KA_END_DECLS

@@ -35,6 +35,11 @@ public:
 	{
 		return __atomic_exchange_n(&value, desired, __ATOMIC_SEQ_CST);
 	}
+	// Returns the value and leaves the next one.
+	T draw()
+	{
+		return __atomic_fetch_add(&value, T(1), __ATOMIC_SEQ_CST);
+	}
 	void increment()
 	{
 		__atomic_fetch_add(&value, T(1), __ATOMIC_SEQ_CST);

@@ -22,11 +22,14 @@ constexpr uint32_t hash_bits_of(uint32_t length)
 
 static_assert(hash_bits_of(128) == 7 && hash_bits_of(1u << 31) == 31 && hash_bits_of(0) == 32);
 
+constexpr uint32_t INITIAL_TABLE_LENGTH = 128;
+
 // Traits say what a slot is:
 //   Key, Bucket      the key's and the slot's type; an all-zero slot is empty
 //   occupied(bucket) whether the slot holds a record
 //   key(bucket)      its key
 //   hash(key, bits)  the home index, below 2^bits
+//   keeps_length     whether a table is made anew with the length of the one before
 //   duplicate(index) called when a search for a free slot meets its own key
 template <typename Traits> class BucketTable
 {
@@ -48,15 +51,15 @@ public:
 	}
 
 	// The array of a first table, for create; null when memory is short.
-	static Bucket *allocate_first()
+	Bucket *allocate_first() const
 	{
-		return allocate(INITIAL_LENGTH);
+		return allocate(first_length());
 	}
 	// Only when there is no table.
 	void create(Bucket *first)
 	{
 		buckets = first;
-		length = INITIAL_LENGTH;
+		length = first_length();
 		num_bits = hash_bits_of(length);
 	}
 
@@ -120,7 +123,10 @@ public:
 	}
 
 private:
-	static constexpr uint32_t INITIAL_LENGTH = 128;
+	uint32_t first_length() const
+	{
+		return Traits::keeps_length ? length : INITIAL_TABLE_LENGTH;
+	}
 
 	static Bucket *allocate(uint32_t count)
 	{
@@ -148,7 +154,7 @@ private:
 	}
 
 	Bucket *buckets = nullptr;
-	uint32_t length = INITIAL_LENGTH;
+	uint32_t length = INITIAL_TABLE_LENGTH;
 	uint32_t num_bits = 0;
 };
 

@@ -8,6 +8,8 @@
 #include "../kernel-abstractions/module.h"
 #include "../kernel-abstractions/task.h"
 #include "genl-reply.h"
+#include "jorl-genlhandler.h"
+#include "jorl-manager.h"
 #include "volume-ioctl.h"
 #include "volume-registry.h"
 #include "writetracker.h"
@@ -112,14 +114,15 @@ static int genl_handler_WT_GET_DRIVER_VERSION_IOCTL_INDEX(sk_buff *skb, genl_inf
 	return err != 0 ? acknowledge_error(skb, info, err) : 0;
 }
 
-// The request's device number, from an attribute that may be short: then it counts as missing.
-static bool read_device_number(const genl_info *info, ka_dev_t *dev)
+// What a request names its target by. An attribute that is too short counts as missing.
+template <typename Target>
+static bool read_attribute(const genl_info *info, int type, Target *target)
 {
 	size_t length;
-	const void *data = ka_genl_attr(info, WT_GENATTR_DISKHANDLE, &length);
-	if (!data || length < sizeof(*dev))
+	const void *data = ka_genl_attr(info, type, &length);
+	if (!data || length < sizeof(*target))
 		return false;
-	memcpy(dev, data, sizeof(*dev));
+	memcpy(target, data, sizeof(*target));
 	return true;
 }
 
@@ -130,7 +133,7 @@ static int wt_genl_handler_volume_request(sk_buff *skb, genl_info *info)
 		return -KA_EINVAL;
 	}
 	ka_dev_t dev;
-	if (!read_device_number(info, &dev)) {
+	if (!read_attribute(info, WT_GENATTR_DISKHANDLE, &dev)) {
 		WT_ERROR("Invalid volume genl-request\n");
 		return acknowledge_error(skb, info, -KA_EINVAL);
 	}
@@ -144,15 +147,51 @@ static int wt_genl_handler_volume_request(sk_buff *skb, genl_info *info)
 	return err != 0 ? acknowledge_error(skb, info, err) : 0;
 }
 
-// This driver has no restore disks yet; it knows their commands and says so.
+static int no_manager(sk_buff *skb, const genl_info *info)
+{
+	WT_ERROR("[Control-Device]Unable to get the jorlmanager context\n");
+	return acknowledge_error(skb, info, -KA_EAGAIN);
+}
+
+// The manager's reference goes before an error is acknowledged.
+template <typename Serve>
+static int serve_with_manager(sk_buff *skb, const genl_info *info, Serve serve)
+{
+	int err;
+	{
+		JorlManagerRef manager;
+		if (!manager)
+			return no_manager(skb, info);
+		err = serve();
+	}
+	return err != 0 ? acknowledge_error(skb, info, err) : 0;
+}
+
 static int wt_genl_handler_jorlmanager_request(sk_buff *skb, genl_info *info)
 {
-	return acknowledge_error(skb, info, -KA_ENOIOCTLCMD);
+	return serve_with_manager(skb, info, [=] {
+		return jorlmanager_process_genl_msg(&jorlmanager_context, skb, info);
+	});
 }
 
 static int wt_genl_handler_jorlvolume_request(sk_buff *skb, genl_info *info)
 {
-	return acknowledge_error(skb, info, -KA_ENOIOCTLCMD);
+	if (!info) {
+		WT_ERROR("Null jorlvolume genl-request\n");
+		return -KA_EINVAL;
+	}
+	wt_jorl_diskhandle_t handle;
+	if (!read_attribute(info, WT_GENATTR_JORL_DISKHANDLE, &handle)) {
+		WT_ERROR("Invalid jorlvolume genl-request\n");
+		return acknowledge_error(skb, info, -KA_EINVAL);
+	}
+	return serve_with_manager(skb, info, [=] {
+		JorlVolumeRef volume(lookup_jorlvolume_info(handle));
+		if (volume)
+			return jorlmanager_process_volume_genl_msg(volume.get(), skb, info);
+		WT_ERROR("Unknown jorl device %p\n", handle);
+		return -KA_EINVAL;
+	});
 }
 
 static constexpr ka_genl_ops _wt_genl_family_ops[] = {

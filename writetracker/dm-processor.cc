@@ -331,6 +331,8 @@ static int switch_at_resume(lvm_vol_data *snapshot, long *ret, const char *name)
 	return 0;
 }
 
+static constexpr unsigned long PATIENCE = 1000; // jiffies
+
 // A volume's mutex, unless whoever holds it does not let it go: he may be waiting, to flush it or
 // to freeze it, for the very device that is suspended now.
 class PatientMutexLock
@@ -356,8 +358,6 @@ public:
 	}
 
 private:
-	static constexpr unsigned long PATIENCE = 1000; // jiffies
-
 	ka_mutex &mutex;
 	bool held;
 };

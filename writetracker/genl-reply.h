@@ -1,10 +1,15 @@
 // SPDX-License-Identifier: GPL-2.0
-// A generic-netlink reply under construction: one attribute, sent by unicast to whoever asked.
+// Generic-netlink requests and their answers: acknowledgements, and replies of one attribute that
+// are sent by unicast to whoever asked.
 #ifndef WT_GENL_REPLY_H
 #define WT_GENL_REPLY_H
 
 #include "../kernel-abstractions/genetlink.h"
 #include "control-device.h"
+#include "wt-logging.h"
+
+// A buffer's size is an unsigned int to the kernel.
+constexpr size_t GENL_MAX_PAYLOAD = 0x7fffff00;
 
 // The buffer is freed on every way out but a send.
 class GenlReply
@@ -13,7 +18,7 @@ public:
 	// A buffer for one attribute of that payload, with the request's command, port and
 	// sequence number in its header.
 	GenlReply(const genl_info *info, size_t payload)
-	    : skb(payload <= MAX_PAYLOAD ? ka_alloc_skb(ka_genlmsg_size(payload)) : nullptr),
+	    : skb(payload <= GENL_MAX_PAYLOAD ? ka_alloc_skb(ka_genlmsg_size(payload)) : nullptr),
 	      portid(ka_genl_portid(info))
 	{
 		if (skb)
@@ -53,12 +58,62 @@ public:
 	}
 
 private:
-	// A buffer's size is an unsigned int to the kernel.
-	static constexpr size_t MAX_PAYLOAD = 0x7fffff00;
-
 	sk_buff *skb;
 	uint32_t portid;
 	void *header = nullptr;
+};
+
+// One request on its way through the command that it carries.
+struct GenlRequest {
+	sk_buff *skb;
+	genl_info *info;
+	wt_log_group wt_group; // of the unit that serves it
+	const char *command;   // the index's name, for messages
+
+	int acknowledge() const
+	{
+		ka_netlink_ack(skb, info, 0);
+		return 0;
+	}
+	// Acknowledges success; an error is left to the caller.
+	int acknowledge_or_error(int err) const
+	{
+		return err != 0 ? err : acknowledge();
+	}
+	// The attribute if it holds at least the record's size, else null.
+	template <typename Record> const Record *attribute(int type) const
+	{
+		size_t length;
+		const void *data = ka_genl_attr(info, type, &length);
+		return data && length >= sizeof(Record) ? static_cast<const Record *>(data)
+							: nullptr;
+	}
+	int invalid() const
+	{
+		WT_ERROR("Invalid gen-netlink message %s\n", command);
+		return -KA_EINVAL;
+	}
+	int out_of_memory() const
+	{
+		WT_ERROR("Unable to allocate enough memory for response of command %s\n", command);
+		return -KA_ENOMEM;
+	}
+	int send(GenlReply &reply) const
+	{
+		int err = reply.send();
+		if (err != 0)
+			WT_WARN("Unable to send reply of gen-netlink message. error(%d)\n", err);
+		return err;
+	}
+	int reply(int type, const void *data, size_t length) const
+	{
+		GenlReply reply(info, length);
+		if (!reply.is_valid())
+			return out_of_memory();
+		if (reply.put(type, length, data) != 0)
+			return -KA_EMSGSIZE;
+		return send(reply);
+	}
 };
 
 #endif

@@ -223,13 +223,15 @@ static void tempblock_request(request_queue *queue)
 		}
 }
 
-static int tempblock_getgeo(block_device *, ka_disk_geometry *geometry)
+static int tempblock_getgeo(ka_disk_owner *, ka_disk_geometry *geometry)
 {
 	*geometry = {};
 	return 0;
 }
 
-static constexpr ka_disk_operations temp_ops = {tempblock_getgeo};
+static constexpr ka_disk_operations temp_ops = {nullptr, nullptr, tempblock_getgeo};
+static ka_disk_owner temp_owner = {&temp_ops};
+static constexpr unsigned int TEMP_QUEUE_DEPTH = 64;
 
 // Adds an empty disk for as long as it takes to look at its device object.
 static int learn_from_disk(request_queue *queue, unsigned int major)
@@ -240,8 +242,9 @@ static int learn_from_disk(request_queue *queue, unsigned int major)
 			 TEMPORARY_DISK_NAME);
 		return -KA_ENOMEM;
 	}
-	ka_disk_describe(disk, major, TEMPORARY_DISK_NAME, &temp_ops, 0);
-	int err = ka_add_disk(disk);
+	const ka_disk_description description = {major, TEMPORARY_DISK_NAME, 0, 1, 1};
+	ka_disk_describe(disk, &temp_owner, &description);
+	int err = ka_add_disk(&disk);
 	if (err == 0) {
 		DeviceRef dev(ka_disk_device(disk));
 		err = take_class_and_set(dev.get());
@@ -269,7 +272,8 @@ static int learn_with_major(request_queue *queue)
 static int learn_from_temporary_disk()
 {
 	int err = -KA_ENOMEM;
-	request_queue *queue = ka_blk_init_queue(tempblock_request);
+	request_queue *queue =
+		ka_blk_init_queue(tempblock_request, nullptr, TEMP_QUEUE_DEPTH, &temp_owner);
 	if (queue) {
 		err = learn_with_major(queue);
 		ka_blk_cleanup_queue(queue);

@@ -238,57 +238,9 @@ int process_volume_ioctl(volume_info *volume, unsigned int index, void *record)
 
 // --- Generic netlink ---------------------------------------------------------------------------
 
-// One request on its way through the command that it carries.
-struct VolumeRequest {
+// A request about a volume.
+struct VolumeRequest : GenlRequest {
 	volume_info *volume;
-	sk_buff *skb;
-	genl_info *info;
-	const char *command; // the index's name, for messages
-
-	int acknowledge() const
-	{
-		ka_netlink_ack(skb, info, 0);
-		return 0;
-	}
-	// Acknowledges success; an error is left to the caller.
-	int acknowledge_or_error(int err) const
-	{
-		return err != 0 ? err : acknowledge();
-	}
-	// The attribute if it holds at least the record's size, else null.
-	template <typename Record> const Record *attribute(int type) const
-	{
-		size_t length;
-		const void *data = ka_genl_attr(info, type, &length);
-		return data && length >= sizeof(Record) ? static_cast<const Record *>(data)
-							: nullptr;
-	}
-	int invalid() const
-	{
-		WT_ERROR("Invalid gen-netlink message %s\n", command);
-		return -KA_EINVAL;
-	}
-	int out_of_memory() const
-	{
-		WT_ERROR("Unable to allocate enough memory for response of command %s\n", command);
-		return -KA_ENOMEM;
-	}
-	int send(GenlReply &reply) const
-	{
-		int err = reply.send();
-		if (err != 0)
-			WT_WARN("Unable to send reply of gen-netlink message. error(%d)\n", err);
-		return err;
-	}
-	int reply(int type, const void *data, size_t length) const
-	{
-		GenlReply reply(info, length);
-		if (!reply.is_valid())
-			return out_of_memory();
-		if (reply.put(type, length, data) != 0)
-			return -KA_EMSGSIZE;
-		return send(reply);
-	}
 };
 
 static int netlink_present(const VolumeRequest &request)
@@ -417,7 +369,8 @@ int process_volume_gen_netlink_msg(volume_info *volume, sk_buff *skb, genl_info 
 	const unsigned int index = ka_genl_cmd(info);
 	if (index >= WT_MAX_VOLUME_IOCTL_INDEX || !netlink_commands[index].run)
 		return -KA_ENOIOCTLCMD;
-	return netlink_commands[index].run({volume, skb, info, netlink_commands[index].name});
+	return netlink_commands[index].run(
+		{{skb, info, wt_group, netlink_commands[index].name}, volume});
 }
 
 // --- The hook in a disk's ioctl entries ----------------------------------------------------------

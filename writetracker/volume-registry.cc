@@ -26,6 +26,9 @@ struct volume_info_bucket {
 struct VolumeBuckets {
 	using Key = ka_dev_t;
 	using Bucket = volume_info_bucket;
+	enum {
+		keeps_length = false
+	};
 
 	static bool occupied(const Bucket &bucket)
 	{
@@ -135,6 +138,11 @@ volume_info *lookup_volume_info(ka_dev_t dev)
 	ReadLock lock(vol_info_rwsem);
 	volume_info_bucket *bucket = vol_info_buckets.__lookup_bucket(dev);
 	return bucket ? volume_info_get(bucket->vib_volinfo) : nullptr;
+}
+
+void wait_for_volume_lookups()
+{
+	WriteLock lock(vol_info_rwsem);
 }
 
 // The slot for a device that is to be added: an empty one, its own if it is in the table already,

@@ -52,6 +52,8 @@ volume_info *alloc_volume_info();
 
 // The volume with one more reference, or null. Takes the registry's lock shared.
 volume_info *lookup_volume_info(ka_dev_t dev);
+// Returns when all lookups are over that had begun before.
+void wait_for_volume_lookups();
 volume_info *volume_info_get(volume_info *volume);
 void volume_info_put(volume_info *volume);
 

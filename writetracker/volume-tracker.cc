@@ -294,6 +294,10 @@ int volume_info_stop_tracking(volume_info *volume, bool unpatch_mrfqn)
 			err = remove_hook(volume, device.get());
 		if (err != 0)
 			return err;
+		// Where the kernel cannot tell who is in the hook, a call may have gone to sleep in
+		// its lookup, before it is counted. Forwarding nowhere, it would lose its bio.
+		ka_queue_drain_make_request(ka_bdev_queue(device.get()));
+		wait_for_volume_lookups();
 		ka_queue_drain_make_request(ka_bdev_queue(device.get()));
 	}
 	while (volume->vi_reqcount.get() != 0)

@@ -12,6 +12,7 @@
 #include "control-device.h"
 #include "dm-patcher.h"
 #include "guards.h"
+#include "jorl-manager.h"
 #include "udev-patcher.h"
 #include "version.h"
 #include "volume-ioctl.h"
@@ -159,6 +160,7 @@ int init_module(void)
 	udev_patcher_setup();
 	dm_processor_setup();
 	dm_patcher_setup();
+	jorl_manager_setup();
 	ka_init_completion(&wt_context.init_completion);
 	ka_init_completion(&wt_context.deinit_completion);
 	ka_init_delayed_work(&_init_work, init_subsystems);
@@ -179,6 +181,8 @@ void cleanup_module(void)
 	ka_wait_for_completion(&wt_context.init_completion);
 
 	cleanup_control_device();
+	cleanup_jorl_manager();
+	jorl_manager_settle();
 	dm_unpatch(); // deliberate: what the dm-processor knows is not freed here
 	cleanup_volume_ioctl();
 	udev_unpatch();

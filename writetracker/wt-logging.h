@@ -67,6 +67,9 @@ inline bool wt_log_above(wt_log_group group, unsigned int threshold)
 #define WT_ERROR(...) WT_LOG_GATED(0, KA_LOG_ERR, "ERROR", __VA_ARGS__)
 #define WT_WARN(...)  WT_LOG_GATED(1, KA_LOG_WARNING, "WARN", __VA_ARGS__)
 #define WT_INFO(...)  WT_LOG_GATED(2, KA_LOG_INFO, "INFO", __VA_ARGS__)
-#define WT_FATAL(...) ka_printk(KA_LOG_EMERG, "[" KA_MODULE_NAME "-FATAL]:" __VA_ARGS__)
+// Ungated, without a colon or a line feed: what traces the restore-disk manager's references.
+#define WT_TRACE(...)       ka_printk(KA_LOG_INFO, "[" KA_MODULE_NAME "][INFO]" __VA_ARGS__)
+#define WT_TRACE_ERROR(...) ka_printk(KA_LOG_ERR, "[" KA_MODULE_NAME "][ERROR]" __VA_ARGS__)
+#define WT_FATAL(...)       ka_printk(KA_LOG_EMERG, "[" KA_MODULE_NAME "-FATAL]:" __VA_ARGS__)
 
 #endif

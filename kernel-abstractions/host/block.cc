@@ -5,54 +5,7 @@
  */
 #include "kernel-abstractions/block.h"
 
-#include <deque>
-#include <list>
-#include <mutex>
-
-#include "internal.h"
-#include "kernel-abstractions/sync.h"
-
-struct super_block {
-	ka_dev_t dev;
-};
-
-struct block_device {
-	gendisk *disk;
-	device *dev;
-	int partno;
-	std::atomic<ka_sector_t> start, sectors;
-	std::atomic<int> opens{0}, freezes{0};
-	super_block super{0};
-};
-
-struct request {
-	int chunks;
-	int error = 0;
-};
-
-struct request_queue {
-	std::atomic<ka_make_request_fn *> make_request;
-	gendisk *disk = nullptr;
-	ka_request_fn *request_fn = nullptr;
-	std::mutex lock;
-	std::deque<request *> requests;
-};
-
-struct gendisk {
-	model::DiskSpec spec;
-	request_queue *queue;
-	std::atomic<const ka_block_device_operations *> fops{nullptr};
-	ka_block_device_operations native_fops;
-	std::list<block_device> devices; /* the whole disk first */
-	std::atomic<bool> live{false};
-	std::function<int(ka_bio &)> lower;
-	std::atomic<uint64_t> bios{0};
-	std::mutex lock;
-	std::vector<model::NativeIoctl> ioctls;
-	/* Of a disk of the driver's. */
-	bool own = false;
-	const ka_disk_operations *operations = nullptr;
-};
+#include "block-internal.h"
 
 namespace model
 {
@@ -60,7 +13,6 @@ namespace
 {
 
 constexpr int enotty = 25;
-constexpr unsigned int first_dynamic_major = 250;
 
 struct Fops {
 	const void *owner;
@@ -68,32 +20,10 @@ struct Fops {
 	ka_bdev_ioctl_fn *entries[KA_IOCTL_ENTRIES];
 };
 
-struct Block {
-	std::mutex lock;
-	std::list<gendisk> disks;
-	std::list<request_queue> queues;
-	std::map<unsigned int, std::string> majors;
-	block_device *root = nullptr;
-	std::vector<std::string> calls;
-	std::vector<Probe> probes;
-	bool new_disks_without_set = false;
-};
-
-Block &state()
-{
-	static Block instance;
-	return instance;
-}
-
 void note(const char *call, const block_device *bdev)
 {
-	std::lock_guard guard(state().lock);
-	state().calls.push_back(std::string(call) + " " + dev_name(bdev->dev->devt));
-}
-
-block_device &whole(const gendisk *disk)
-{
-	return const_cast<gendisk *>(disk)->devices.front();
+	std::lock_guard guard(block().lock);
+	block().calls.push_back(std::string(call) + " " + dev_name(bdev->dev->devt));
 }
 
 block_device &part(const gendisk *disk, int partition)
@@ -117,6 +47,50 @@ int native_ioctl(block_device *bdev, unsigned int mode, unsigned int cmd, unsign
 	std::lock_guard guard(bdev->disk->lock);
 	bdev->disk->ioctls.push_back({entry, bdev->dev->devt, mode, cmd, arg});
 	return native_ioctl_result;
+}
+
+bool fits(const block_device &bdev, const ka_bio &bio)
+{
+	ka_sector_t length = bio.bytes / 512 + (bio.bytes % 512 != 0);
+	ka_sector_t end = bdev.sectors.load(std::memory_order_relaxed);
+	return length <= end && bio.sector <= end - length;
+}
+
+void report_disk(Report &report, gendisk &disk)
+{
+	for (auto &bdev : disk.devices) {
+		if (bdev.opens != 0)
+			report.push_back(bdev.dev->name + ": open");
+		if (bdev.freezes != 0)
+			report.push_back(bdev.dev->name + ": frozen");
+	}
+	if (disk.own)
+		report.push_back("disk " + disk.spec.name);
+	else if (disk.live && in_module(reinterpret_cast<void *>(disk.queue->make_request.load())))
+		report.push_back(disk.spec.name + ": its queue points at the module");
+	if (disk.live && !disk.own && disk.fops != &disk.native_fops && disk.fops &&
+	    in_module(reinterpret_cast<void *>(in<Fops>(disk.fops.load()).entries[KA_IOCTL])))
+		report.push_back(disk.spec.name + ": its table points at the module");
+}
+
+} // namespace
+
+Block &block()
+{
+	static Block instance;
+	return instance;
+}
+
+block_device &whole(const gendisk *disk)
+{
+	return const_cast<gendisk *>(disk)->devices.front();
+}
+
+void make_native(gendisk &disk)
+{
+	disk.queue->make_request = native_make_request;
+	new (disk.native_fops.storage) Fops{&disk, &disk, {}};
+	disk.fops = &disk.native_fops;
 }
 
 void add_block_device(gendisk &disk, device *parent, ka_sector_t start, ka_sector_t sectors)
@@ -147,70 +121,22 @@ void withdraw(gendisk &disk)
 		device_del(bdev->dev);
 }
 
-/* Reads from a disk of the driver's and asks for its geometry, as others do with a new disk. */
-void probe(gendisk &disk)
-{
-	Probe result{.requests = 1, .chunks = 2, .error = 0, .geometry = {1, 1, 1, 1}};
-	request read{.chunks = result.chunks};
-	{
-		std::lock_guard guard(disk.queue->lock);
-		disk.queue->requests.push_back(&read);
-		current().atomic_depth++;
-		disk.queue->request_fn(disk.queue);
-		current().atomic_depth--;
-		result.requests -= static_cast<int>(disk.queue->requests.size());
-		disk.queue->requests.clear();
-	}
-	result.chunks -= read.chunks;
-	result.error = read.error;
-	if (disk.operations && disk.operations->getgeo)
-		disk.operations->getgeo(&whole(&disk), &result.geometry);
-	state().probes.push_back(result);
-}
-
-bool fits(const block_device &bdev, const ka_bio &bio)
-{
-	ka_sector_t length = bio.bytes / 512 + (bio.bytes % 512 != 0);
-	ka_sector_t end = bdev.sectors.load(std::memory_order_relaxed);
-	return length <= end && bio.sector <= end - length;
-}
-
-void report_disk(Report &report, gendisk &disk)
-{
-	for (auto &bdev : disk.devices) {
-		if (bdev.opens != 0)
-			report.push_back(bdev.dev->name + ": open");
-		if (bdev.freezes != 0)
-			report.push_back(bdev.dev->name + ": frozen");
-	}
-	if (disk.own)
-		report.push_back("disk " + disk.spec.name);
-	else if (disk.live && in_module(reinterpret_cast<void *>(disk.queue->make_request.load())))
-		report.push_back(disk.spec.name + ": its queue points at the module");
-	if (disk.live && !disk.own && disk.fops != &disk.native_fops && disk.fops &&
-	    in_module(reinterpret_cast<void *>(in<Fops>(disk.fops.load()).entries[KA_IOCTL])))
-		report.push_back(disk.spec.name + ": its table points at the module");
-}
-
-} // namespace
-
 Disk add_disk(const DiskSpec &spec)
 {
 	auto *parent = new_device("host", 0, nullptr, nullptr, true);
 	parent->added = true;
-	std::unique_lock guard(state().lock);
-	auto &disk = state().disks.emplace_back();
+	std::unique_lock guard(block().lock);
+	auto &disk = block().disks.emplace_back();
 	disk.spec = spec;
-	disk.queue = &state().queues.emplace_back();
-	disk.queue->make_request = native_make_request;
+	disk.queue = &block().queues.emplace_back();
 	disk.queue->disk = &disk;
-	auto *fops = new (disk.native_fops.storage) Fops{&disk, &disk, {}};
+	make_native(disk);
 	if (!spec.no_ioctls) {
-		fops->entries[KA_IOCTL] = native_ioctl<KA_IOCTL>;
-		fops->entries[KA_LOCKED_IOCTL] = native_ioctl<KA_LOCKED_IOCTL>;
-		fops->entries[KA_COMPAT_IOCTL] = native_ioctl<KA_COMPAT_IOCTL>;
+		auto &fops = in<Fops>(&disk.native_fops);
+		fops.entries[KA_IOCTL] = native_ioctl<KA_IOCTL>;
+		fops.entries[KA_LOCKED_IOCTL] = native_ioctl<KA_LOCKED_IOCTL>;
+		fops.entries[KA_COMPAT_IOCTL] = native_ioctl<KA_COMPAT_IOCTL>;
 	}
-	disk.fops = &disk.native_fops;
 	add_block_device(disk, parent, 0, spec.sectors);
 	for (auto &partition : spec.partitions)
 		add_block_device(disk, whole(&disk).dev, partition.start, partition.sectors);
@@ -317,30 +243,21 @@ void Disk::remove() const
 
 std::vector<std::string> take_block_calls()
 {
-	std::lock_guard guard(state().lock);
-	return std::exchange(state().calls, {});
-}
-
-std::vector<Probe> probes()
-{
-	return state().probes;
+	std::lock_guard guard(block().lock);
+	return std::exchange(block().calls, {});
 }
 
 void set_root(const Disk *disk)
 {
-	state().root = disk ? &whole(disk->get()) : nullptr;
-}
-
-void keep_new_disks_out_of_set()
-{
-	state().new_disks_without_set = true;
+	block().root = disk ? &whole(disk->get()) : nullptr;
 }
 
 void reset_block()
 {
-	auto &b = state();
+	auto &b = block();
 	b.disks.clear();
 	b.queues.clear();
+	b.requests.clear();
 	b.majors.clear();
 	b.root = nullptr;
 	b.calls.clear();
@@ -350,13 +267,14 @@ void reset_block()
 
 void report_block(Report &report)
 {
-	auto &b = state();
+	auto &b = block();
 	std::lock_guard guard(b.lock);
 	for (auto &disk : b.disks)
 		report_disk(report, disk);
 	for (auto &queue : b.queues)
 		if (queue.request_fn)
 			report.push_back("a request queue");
+	report_requests(report);
 	for (auto &[major, name] : b.majors)
 		report.push_back("block major of " + name);
 }
@@ -371,15 +289,16 @@ block_device *ka_open_by_devnum(ka_dev_t dev, unsigned int)
 	if (long error = injected("ka_open_by_devnum", -KA_ENXIO))
 		return static_cast<block_device *>(ka_err_ptr(error));
 	make_room();
-	std::unique_lock guard(state().lock);
-	for (auto &disk : state().disks) {
+	std::unique_lock guard(block().lock);
+	for (auto &disk : block().disks) {
 		for (auto &bdev : disk.devices) {
 			if (!disk.live || bdev.dev->devt != dev)
 				continue;
 			bdev.opens++;
 			guard.unlock();
 			note("open", &bdev);
-			return &bdev;
+			const int error = disk.own ? open_own(&disk) : 0;
+			return error ? static_cast<block_device *>(ka_err_ptr(error)) : &bdev;
 		}
 	}
 	return static_cast<block_device *>(ka_err_ptr(-KA_ENXIO));
@@ -390,8 +309,8 @@ int ka_lookup_bdev(const char *path, ka_dev_t *dev)
 	might_sleep("ka_lookup_bdev");
 	if (long error = injected("ka_lookup_bdev", -KA_ENOENT))
 		return static_cast<int>(error);
-	std::lock_guard guard(state().lock);
-	for (auto &disk : state().disks) {
+	std::lock_guard guard(block().lock);
+	for (auto &disk : block().disks) {
 		for (auto &bdev : disk.devices) {
 			if (!disk.live || path != "/dev/" + bdev.dev->name)
 				continue;
@@ -405,6 +324,8 @@ int ka_lookup_bdev(const char *path, ka_dev_t *dev)
 void ka_blkdev_put(block_device *bdev, unsigned int)
 {
 	note("put", bdev);
+	if (bdev->disk->owner)
+		return release_own(bdev->disk);
 	if (--bdev->opens < 0)
 		violation("ka_blkdev_put: not open");
 }
@@ -570,112 +491,6 @@ int ka_fops_call_ioctl(const ka_block_device_operations *fops, ka_ioctl_entry en
 	return function ? function(bdev, mode, cmd, arg) : -KA_ENOIOCTLCMD;
 }
 
-request_queue *ka_blk_init_queue(ka_request_fn *function)
-{
-	might_sleep("ka_blk_init_queue");
-	if (injected("ka_blk_init_queue", -KA_ENOMEM))
-		return nullptr;
-	std::lock_guard guard(state().lock);
-	auto &queue = state().queues.emplace_back();
-	queue.request_fn = function;
-	return &queue;
-}
-
-void ka_blk_cleanup_queue(request_queue *queue)
-{
-	std::lock_guard guard(state().lock);
-	if (std::ranges::any_of(state().disks, [&](auto &disk) { return disk.queue == queue; }))
-		violation("ka_blk_cleanup_queue: a disk uses it");
-	state().queues.remove_if([&](auto &other) { return &other == queue; });
-}
-
-request *ka_blk_fetch_request(request_queue *queue)
-{
-	if (queue->requests.empty())
-		return nullptr;
-	request *next = queue->requests.front();
-	queue->requests.pop_front();
-	return next;
-}
-
-int ka_blk_end_request_cur(request *request, int error)
-{
-	if (request->chunks == 0)
-		throw Bug("ka_blk_end_request_cur: the request has ended");
-	request->error = error;
-	return --request->chunks;
-}
-
-int ka_register_blkdev(const char *name)
-{
-	might_sleep("ka_register_blkdev");
-	if (long error = injected("ka_register_blkdev", -KA_EBUSY))
-		return static_cast<int>(error);
-	std::lock_guard guard(state().lock);
-	unsigned int major = first_dynamic_major;
-	while (state().majors.contains(major))
-		major--;
-	state().majors[major] = name;
-	return static_cast<int>(major);
-}
-
-void ka_unregister_blkdev(unsigned int major, const char *name)
-{
-	std::lock_guard guard(state().lock);
-	auto found = state().majors.find(major);
-	if (found == state().majors.end() || found->second != name)
-		return violation("ka_unregister_blkdev: not registered");
-	state().majors.erase(found);
-}
-
-gendisk *ka_alloc_disk(int, request_queue *queue)
-{
-	might_sleep("ka_alloc_disk");
-	if (injected("ka_alloc_disk", -KA_ENOMEM))
-		return nullptr;
-	std::lock_guard guard(state().lock);
-	auto &disk = state().disks.emplace_back();
-	disk.own = true;
-	disk.queue = queue;
-	return &disk;
-}
-
-void ka_disk_describe(gendisk *disk, unsigned int major, const char *name,
-		      const ka_disk_operations *operations, ka_sector_t capacity)
-{
-	disk->spec.name = name;
-	disk->spec.major = major;
-	disk->spec.sectors = capacity;
-	disk->operations = operations;
-}
-
-int ka_add_disk(gendisk *disk)
-{
-	might_sleep("ka_add_disk");
-	if (long error = injected("ka_add_disk", -KA_ENOMEM))
-		return static_cast<int>(error);
-	disk->spec.in_set = !state().new_disks_without_set;
-	add_block_device(*disk, nullptr, 0, disk->spec.sectors);
-	announce(*disk);
-	probe(*disk);
-	return 0;
-}
-
-void ka_del_gendisk(gendisk *disk)
-{
-	if (!disk->live)
-		return violation("ka_del_gendisk: not added");
-	withdraw(*disk);
-}
-
-void ka_put_disk(gendisk *disk)
-{
-	if (disk->live)
-		violation("ka_put_disk: still added");
-	std::lock_guard guard(state().lock);
-	state().disks.remove_if([&](auto &other) { return &other == disk; });
-}
-
 device *ka_disk_device(gendisk *disk)
 {
 	return whole(disk).dev;
@@ -693,6 +508,6 @@ int ka_path_super_bdev(const char *path, block_device **bdev)
 		return static_cast<int>(error);
 	if (std::string(path) != "/")
 		return -KA_ENOENT;
-	*bdev = state().root;
+	*bdev = block().root;
 	return 0;
 }

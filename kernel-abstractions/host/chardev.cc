@@ -46,14 +46,15 @@ ka_file_operations table(const FileOps &ops)
 
 struct Node {
 	std::string path;
-	ka_file_operations ops;
+	const ka_file_operations *ops;
 	struct inode inode;
 };
 
 struct Chardev {
 	std::mutex lock;
 	struct cdev misc;
-	std::map<int, Node> nodes; /* by minor */
+	std::list<ka_file_operations> tables; /* of drivers that are gone, too */
+	std::map<int, Node> nodes;            /* by minor */
 	std::map<int, ka_miscdevice *> registered;
 	std::list<file> open;
 	std::function<long(unsigned int, unsigned long)> dm_answer;
@@ -75,7 +76,7 @@ int misc_open(inode *node, file *filp)
 		auto found = state().nodes.find(static_cast<int>(ka_minor(node->rdev)));
 		if (found == state().nodes.end())
 			return -KA_ENXIO;
-		filp->ops = &found->second.ops;
+		filp->ops = found->second.ops;
 		open = in<FileOps>(filp->ops).entries.open;
 	}
 	return open ? open(node, filp) : 0;
@@ -117,7 +118,8 @@ int dm_release(inode *, file *)
 
 void add_node(int minor, const std::string &path, const FileOps &ops)
 {
-	state().nodes[minor] = {path, table(ops), {ka_mkdev(misc_major, minor), &state().misc}};
+	const auto *own = &state().tables.emplace_back(table(ops));
+	state().nodes[minor] = {path, own, {ka_mkdev(misc_major, minor), &state().misc}};
 }
 
 Node *find(const std::string &path)
@@ -248,6 +250,7 @@ void reset_chardev()
 	s.nodes.clear();
 	s.registered.clear();
 	s.open.clear();
+	s.tables.clear();
 	s.dm_answer = nullptr;
 	s.dm_calls = {};
 	add_node(dm_minor, "/dev/mapper/control", {{dm_open, dm_ioctl, dm_release}, nullptr});

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <new>
 #include <string>
@@ -12,6 +13,8 @@
 #include <vector>
 
 #include "model.h"
+
+struct task_struct;
 
 namespace model
 {
@@ -23,16 +26,25 @@ struct Task {
 
 	bool admin = true;
 	bool worker = false;
+	bool irqs_off = false;
 	int atomic_depth = 0; /* sections in which it must not sleep */
 	int read_depth = 0;   /* scheduler read sections */
 	/* Odd while in a scheduler read section. */
 	std::atomic<uint64_t> read_sections{0};
 	std::vector<const void *> held; /* locks, as taken */
+
+	task_struct *kthread = nullptr;
+	bool signal_pending = false;
+	bool woken = false; /* since it last looked at what it waits for */
 };
 
 Task &current();
+/* Real time after which a wait that makes no progress is called a hang. */
+constexpr auto hang = std::chrono::seconds(30);
 /* Throws when the caller must not sleep. */
 void might_sleep(const char *call);
+/* Whether the caller has the lock. */
+bool is_held(const void *lock);
 /* One call into the driver, which must leave the task as it found it. */
 class CallIntoDriver
 {
@@ -82,6 +94,11 @@ template <typename T, typename Object> const T &in(const Object *object)
 /* The areas: back to the state at boot; what is left over. */
 using Report = std::vector<std::string>;
 void reset_work();
+void reset_sockets();
+void reset_threads();
+void close_sockets();
+void reset_kfifos();
+void reset_mm();
 void reset_netlink();
 void reset_chardev();
 void reset_block();
@@ -91,6 +108,10 @@ void reset_memory();
 void reset_log();
 void reset_sync();
 void report_work(Report &report);
+void report_sockets(Report &report);
+void report_threads(Report &report);
+void report_kfifos(Report &report);
+void report_mm(Report &report);
 void report_netlink(Report &report);
 void report_chardev(Report &report);
 void report_block(Report &report);
@@ -98,8 +119,14 @@ void report_devices(Report &report);
 void report_kobjects(Report &report);
 void report_memory(Report &report);
 
+/* A page frame, filled with a pattern; all are free again at the next boot. */
+unsigned long new_page();
+char *page_bytes(unsigned long pfn);
+
 /* What making room for an allocation may lead to. */
 void make_room();
+/* Memory is released in which objects may lie. One that never was in sysfs may just vanish. */
+void forget_objects_in(const void *memory, size_t size);
 /* Leaked on purpose: not reported with the memory around it. */
 void forgive_memory_around(const void *address);
 /* A lock in memory that is being released was not given back. */

@@ -5,11 +5,14 @@
 
 #define KA_SIZEOF_MUTEX                   24
 #define KA_SIZEOF_RWSEM                   16
+#define KA_SIZEOF_SPINLOCK                16
 #define KA_SIZEOF_COMPLETION              8
+#define KA_SIZEOF_WAIT_QUEUE              8
 #define KA_SIZEOF_KOBJECT                 16
 #define KA_SIZEOF_BLOCK_DEVICE_OPERATIONS 40
 #define KA_SIZEOF_KSET_UEVENT_OPS         24
 #define KA_SIZEOF_FILE_OPERATIONS         32
+#define KA_SIZEOF_MAPPING                 8
 
 /* Objects that the model keeps elsewhere, by address; storage that nothing reads. */
 #define KA_SIZEOF_KOBJ_TYPE     8

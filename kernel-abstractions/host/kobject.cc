@@ -99,9 +99,10 @@ thread_local std::vector<const ka_kobject *> in_use;
 /* Takes the directory out of the tree and waits for its users; the parent to give back. */
 ka_kobject *hide(ka_kobject *kobj, std::unique_lock<std::mutex> &lock)
 {
-	auto &directory = state().objects[kobj];
-	if (!directory.visible)
+	auto object = state().objects.find(kobj);
+	if (object == state().objects.end() || !object->second.visible)
 		return nullptr;
+	auto &directory = object->second;
 	if (std::ranges::find(in_use, kobj) != in_use.end()) {
 		violation("a directory is removed by a user of its files, who waits for itself");
 		return nullptr;
@@ -272,6 +273,20 @@ void expect_leaked_object(const std::string &name)
 	state().expected_leaks.push_back(name);
 }
 
+void forget_objects_in(const void *memory, size_t size)
+{
+	auto begin = static_cast<const char *>(memory);
+	std::lock_guard guard(state().lock);
+	std::erase_if(state().objects, [&](auto &object) {
+		auto at = reinterpret_cast<const char *>(object.first);
+		if (at < begin || at >= begin + size)
+			return false;
+		if (!object.second.name.empty())
+			violation("memory of an object is released before the object");
+		return true;
+	});
+}
+
 void reset_kobjects()
 {
 	state().objects.clear();
@@ -304,8 +319,12 @@ using namespace model;
 void ka_kobject_init(ka_kobject *kobj, ka_kobj_type *type)
 {
 	std::lock_guard guard(state().lock);
-	if (!state().objects.try_emplace(kobj).second)
+	/* One whose memory was cleared was abandoned, and begins anew. */
+	auto known = state().objects.find(kobj);
+	if (known != state().objects.end() &&
+	    (known->second.visible || in<Kobject>(kobj).magic == alive))
 		throw Bug("ka_kobject_init: the object is in use");
+	state().objects[kobj] = {};
 	new (kobj->storage) Kobject{.type = type};
 }
 
@@ -370,6 +389,11 @@ void ka_kobject_put(ka_kobject *kobj)
 		return violation("ka_kobject_put: no such object");
 	if (k.references.fetch_sub(1, std::memory_order_acq_rel) == 1)
 		release(kobj);
+}
+
+unsigned int ka_kobject_references(const ka_kobject *kobj)
+{
+	return in<Kobject>(kobj).references.load(std::memory_order_relaxed);
 }
 
 int ka_sysfs_create_bin_file(ka_kobject *kobj, ka_bin_attribute *attribute)

@@ -137,11 +137,16 @@ const char *Bug::what() const noexcept
 
 void boot(const void *module)
 {
+	reset_sockets(); /* so that whoever waits for a peer can end */
 	reset_work();
+	reset_threads();
+	close_sockets();
 	reset_netlink();
 	reset_chardev();
 	reset_devices();
 	reset_block();
+	reset_kfifos();
+	reset_mm();
 	reset_kobjects();
 	reset_memory();
 	reset_sync();
@@ -166,6 +171,10 @@ std::vector<std::string> leaks()
 {
 	Report report;
 	report_work(report);
+	report_threads(report);
+	report_sockets(report);
+	report_kfifos(report);
+	report_mm(report);
 	report_netlink(report);
 	report_chardev(report);
 	report_devices(report);
@@ -318,8 +327,15 @@ void ka_exit(void)
 
 int ka_module_get(void)
 {
+	if (injected("ka_module_get", -KA_ENXIO))
+		return 0;
 	machine().module_references++;
 	return 1;
+}
+
+void ka_module_hold(void)
+{
+	machine().module_references++;
 }
 
 void ka_module_put(void)

@@ -90,7 +90,8 @@ int take_mismatched_releases();
 
 /*
  * The nth call of that contract function from now, and the times - 1 after it, fail. error is what
- * the call returns where it returns one; 0 for the call's usual one.
+ * the call returns where it returns one; 0 for the call's usual one. A send that fails with
+ * a positive number sends just so many bytes; one that fails with -EINTR leaves a signal pending.
  */
 void fail(const std::string &call, int nth = 1, long error = 0, int times = 1);
 /* Runs the action on the caller's thread right before the nth call from now does its work. */
@@ -165,6 +166,8 @@ private:
 int forget_memory(size_t size);
 /* Calls of ka_vmalloc so far. */
 uint64_t allocations();
+/* Allocations begin on even pages (0), or odd ones (1). At boot: wherever it comes. */
+void allocate_on_page(int parity);
 /* Called by each allocation that may start I/O to make room, the kernel's own included. */
 void on_reclaim(std::function<void()> action);
 
@@ -276,6 +279,98 @@ struct Probe {
 std::vector<Probe> probes();
 /* Disks of the driver's do not enter the set of all devices. */
 void keep_new_disks_out_of_set();
+
+/* --- Disks of the driver's, as processes use them ------------------------------------------ */
+
+/* Whoever adds a disk waits until its first page was read, or that failed. */
+std::vector<std::string> added_disks();
+
+/*
+ * A bio in a request. It lies in pages that are no neighbours, of which the first may be entered at
+ * an offset. Nobody checks it against the disk's capacity.
+ */
+struct BioSpec {
+	ka_sector_t sector;
+	unsigned int bytes;
+	unsigned int offset = 0;
+	bool write = false;
+};
+
+/* A handle on a request; valid until the next boot. */
+class Request
+{
+public:
+	explicit Request(request *request) : request_(request)
+	{
+	}
+
+	bool has_ended() const;
+	/* The error with which it ended. */
+	int wait() const;
+	/* What is in the pages of a bio; at first, bytes 0x5a. */
+	std::vector<char> data(size_t bio = 0) const;
+
+private:
+	request *request_;
+};
+
+/* A disk that is added, opened by a process. */
+class OpenDisk
+{
+public:
+	explicit OpenDisk(const std::string &name); /* throws std::runtime_error without one */
+	~OpenDisk();
+	OpenDisk(const OpenDisk &) = delete;
+	OpenDisk &operator=(const OpenDisk &) = delete;
+
+	ka_disk_geometry geometry() const;
+	ka_dev_t dev() const;
+	ka_sector_t capacity() const;
+	int minors() const;
+	bool is_stopped() const; /* its queue */
+	/*
+	 * Hands the request to the queue and goes on; waits while the queue has as many as it
+	 * takes. After the disk was deleted, it ends at once with -ENXIO. fs: no command to the
+	 * device.
+	 */
+	Request submit(const std::vector<BioSpec> &bios, bool fs = true) const;
+
+private:
+	gendisk *disk_;
+	int error_;
+};
+
+/* --- Processes ------------------------------------------------------------------------------ */
+
+/* Names of the driver's kernel threads. */
+std::vector<std::string> threads();
+/* Sockets that never were connected, which are meant to stay. */
+int forget_sockets();
+
+/*
+ * A mapping of the process's, whose end unmaps it. Other memory counts as no mapping. An access
+ * faults but for where a page is shown.
+ */
+class ProcessMapping
+{
+public:
+	explicit ProcessMapping(size_t bytes);
+	~ProcessMapping();
+	ProcessMapping(const ProcessMapping &) = delete;
+	ProcessMapping &operator=(const ProcessMapping &) = delete;
+
+	void *address(size_t offset = 0) const;
+	void unmap(size_t offset = 0, size_t bytes = SIZE_MAX);
+	void split(size_t offset); /* in two, as protecting a part does */
+	void set_private_data(const void *data);
+	bool is_shown(size_t offset) const;
+
+private:
+	unsigned long start_;
+	size_t size_;
+};
+/* In all mappings. */
+size_t shown_pages();
 
 /* --- The set of all devices --------------------------------------------------------------- */
 

@@ -21,6 +21,7 @@ namespace
 
 constexpr uint32_t mutex_magic = 0x6d757478;
 constexpr uint32_t rwsem_magic = 0x7277736d;
+constexpr uint32_t spinlock_magic = 0x7370696e;
 constexpr uint32_t completion_magic = 0x636f6d70;
 
 /* state: 0 free, 1 held, 2 held and waited for. */
@@ -41,6 +42,15 @@ struct Rwsem {
 	uint32_t magic = rwsem_magic;
 	const char *name;
 };
+
+struct Spinlock {
+	std::atomic<uint32_t> held{0};
+	uint32_t magic = spinlock_magic;
+	const char *name;
+};
+
+/* In every state of the interrupts that a lock returned. */
+constexpr unsigned long saved_flags = 0x1200;
 
 struct Completion {
 	std::atomic<uint32_t> done{0};
@@ -66,11 +76,6 @@ template <typename Lock> Lock &checked(Lock &lock, uint32_t magic, const char *c
 	if (lock.magic != magic)
 		throw Bug(printed("%s: not initialised", call));
 	return lock;
-}
-
-bool is_held(const void *lock)
-{
-	return std::ranges::find(current().held, lock) != current().held.end();
 }
 
 void take(const void *lock)
@@ -137,6 +142,11 @@ void might_sleep(const char *call)
 		throw Bug(printed("%s: may sleep, called in atomic context", call));
 }
 
+bool is_held(const void *lock)
+{
+	return std::ranges::find(current().held, lock) != current().held.end();
+}
+
 CallIntoDriver::CallIntoDriver(const char *name)
     : name_(name), held_(current().held.size()), atomic_depth_(current().atomic_depth)
 {
@@ -167,6 +177,7 @@ void reset_sync()
 	stray_unlocks = 0;
 	current().held.clear();
 	current().atomic_depth = 0;
+	current().irqs_off = false;
 	current().admin = true;
 	if (current().read_depth > 0)
 		current().read_sections++;
@@ -285,6 +296,35 @@ void ka_up_write(ka_rwsem *sem)
 		return violation("ka_up_write: not held");
 	s.state.fetch_and(~Rwsem::writer, std::memory_order_release);
 	s.state.notify_all();
+}
+
+void ka_spin_lock_init(ka_spinlock *lock, const char *name)
+{
+	new (lock->storage) Spinlock{.name = name};
+}
+
+unsigned long ka_spin_lock_irqsave(ka_spinlock *lock)
+{
+	auto &l = checked(in<Spinlock>(lock), spinlock_magic, "ka_spin_lock_irqsave");
+	if (is_held(lock))
+		throw Bug(printed("ka_spin_lock_irqsave: deadlock, %s is already held by this task",
+				  l.name));
+	while (l.held.exchange(1, std::memory_order_acquire) != 0)
+		std::this_thread::yield();
+	current().atomic_depth++;
+	take(lock);
+	return saved_flags + std::exchange(current().irqs_off, true);
+}
+
+void ka_spin_unlock_irqrestore(ka_spinlock *lock, unsigned long flags)
+{
+	if (!give_back(lock))
+		return violation("ka_spin_unlock_irqrestore: not held");
+	if (flags != saved_flags && flags != saved_flags + 1)
+		violation("ka_spin_unlock_irqrestore: not what the lock returned");
+	current().irqs_off = flags != saved_flags;
+	current().atomic_depth--;
+	in<Spinlock>(lock).held.store(0, std::memory_order_release);
 }
 
 void ka_init_completion(ka_completion *completion)

@@ -7,7 +7,6 @@
  */
 #include "kernel-abstractions/work.h"
 
-#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <list>
@@ -22,8 +21,6 @@ namespace
 {
 
 constexpr unsigned long initial_jiffies = -5000ul;
-/* Real time after which a wait that makes no progress is called a hang. */
-constexpr auto hang = std::chrono::seconds(30);
 
 } // namespace
 

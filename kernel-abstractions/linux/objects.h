@@ -19,6 +19,10 @@
 #include <linux/workqueue.h>
 #include <net/genetlink.h>
 
+#if __GNUC__ == 4 && __GNUC_MINOR__ < 6 /* RHEL 6's own compiler has no such word yet */
+#define _Static_assert(condition, message) extern int ka_assertion[(condition) ? 1 : -1]
+#endif
+
 #define KA_GENL_OPS_ROOM 32
 
 /* A misc device with its table of file operations. */

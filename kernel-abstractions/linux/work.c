@@ -3,6 +3,7 @@
 #include "../work.h"
 
 #include <linux/jiffies.h>
+#include <linux/lockdep.h>
 
 #include "objects.h"
 
@@ -23,8 +24,13 @@ static void run_work(struct work_struct *kernel_work)
 void ka_init_delayed_work(struct ka_delayed_work *work,
 			  void (*function)(struct ka_delayed_work *work))
 {
+	struct delayed_work *delayed = KA_OBJECT(struct delayed_work, &work->kernel);
+
 	work->function = function;
-	INIT_DELAYED_WORK(KA_OBJECT(struct delayed_work, &work->kernel), run_work);
+	INIT_DELAYED_WORK(delayed, run_work);
+	/* A class per function, whose address does for a key: works of one take the same locks. */
+	lockdep_init_map(&delayed->work.lockdep_map, "ka_delayed_work",
+			 (struct lock_class_key *)function, 0);
 }
 
 int ka_schedule_delayed_work(struct ka_delayed_work *work, unsigned long delay)

@@ -16,8 +16,9 @@ cases() {
 }
 
 set_each_scheduler() {
-	local scheduler
-	for scheduler in $(tr -d '[]' <"$(sysfs_of "$disk")/queue/scheduler"); do
+	local scheduler all
+	all=$(tr -d '[]' <"$(sysfs_of "$disk")/queue/scheduler" | tr ' ' ,)
+	for scheduler in $(echo "${schedulers:-$all}" | tr , ' '); do
 		echo "$scheduler" >"$(sysfs_of "$disk")/queue/scheduler"
 		usleep 100000
 	done
@@ -64,19 +65,15 @@ follows_hot_removal() {
 	use_scsi_debug
 	eventually 10 is_known_as_it_is "$disk"
 	zorvatctl start "$disk"
-	local device host
+	local device
 	device=$(device_of "$disk")
-	host=$(ls -d /sys/bus/pseudo/drivers/scsi_debug/adapter0/host*)
 	keep_writing
 	sleep 1
-	echo 1 >"$(sysfs_of "$disk")/device/delete"
+	remove_scsi_disk
 	stop_writing
 	eventually 5 fails test -e "/sys/zorvat/$device"
-	eventually 5 fails ls -d $scsi_disk
 
-	echo '- - -' >"$host/scsi_host/$(basename "$host")/scan"
-	eventually 5 eval 'ls -d $scsi_disk/block/sd*'
-	disk=/dev/$(basename $scsi_disk/block/sd*)
+	find_scsi_disk_again
 	start_tracking "$disk"
 	run_fio
 	report_changes "$disk"
@@ -89,9 +86,9 @@ follows_detached_loop() {
 	eventually 10 is_known_as_it_is "$disk"
 	zorvatctl start "$disk"
 	run_fio --number_ios=10
-	losetup -d "$disk"
+	change_size losetup -d "$disk"
 	eventually 5 fails is_tracked "$disk"
-	losetup "$disk" /tmp/loop-image
+	change_size losetup "$disk" /tmp/loop-image
 	start_tracking "$disk"
 	zorvatctl stop "$disk"
 }
@@ -101,7 +98,7 @@ stops_at_resize() {
 	eventually 10 is_known_as_it_is "$disk"
 	zorvatctl start "$disk"
 	truncate -s 48M /tmp/loop-image
-	losetup -c "$disk"
+	change_size losetup -c "$disk"
 	eventually 5 fails is_tracked "$disk"
 	start_tracking "$disk"
 	dd if=/dev/urandom of="$disk" bs=64k seek=700 count=1 oflag=direct 2>/dev/null

@@ -134,10 +134,24 @@ use_brd() {
 use_scsi_debug() { # [PARAMETER=VALUE...]
 	modprobe -q sd_mod || true
 	modprobe -q scsi_debug dev_size_mb=32 delay=0 lbpu=1 lbpws=1 "$@" || skip "no scsi_debug"
-	defer rmmod scsi_debug
+	defer eventually 10 rmmod scsi_debug # a disk found just before is still being looked at
 	scsi_disk=/sys/bus/pseudo/drivers/scsi_debug/adapter0/host*/target*/*:0
 	eventually 10 eval 'ls -d $scsi_disk/block/sd*'
 	disk=/dev/$(basename $scsi_disk/block/sd*)
+}
+
+# Until it is found again, as another disk perhaps.
+remove_scsi_disk() {
+	echo 1 >"$(sysfs_of "$disk")/device/delete"
+}
+
+find_scsi_disk_again() {
+	eventually 5 fails ls -d $scsi_disk
+	local host=$(ls -d /sys/bus/pseudo/drivers/scsi_debug/adapter0/host*)
+	echo '- - -' >"$host/scsi_host/$(basename "$host")/scan"
+	eventually 5 eval 'ls -d $scsi_disk/block/sd*'
+	disk=/dev/$(basename $scsi_disk/block/sd*)
+	eventually 5 test -b "$disk"
 }
 
 use_scsi_debug_4k() {
@@ -149,13 +163,22 @@ use_loop() { # [BYTES]
 	truncate -s "${1:-32M}" /tmp/loop-image
 	defer rm /tmp/loop-image
 	disk=$(losetup -f) || skip "no loop"
-	losetup -P "$disk" /tmp/loop-image || losetup "$disk" /tmp/loop-image
+	change_size losetup -P "$disk" /tmp/loop-image
 	defer losetup -d "$disk"
+}
+
+# 2.6.32 changes a loop's size without an event. There somebody has to raise it by hand.
+change_size() { # COMMAND...: changes the size of $disk
+	local events
+	events=$(cat /sys/kernel/uevent_seqnum)
+	"$@"
+	[ "$(cat /sys/kernel/uevent_seqnum)" != "$events" ] ||
+		echo change >"$(sysfs_of "$disk")/uevent"
 }
 
 # dm-log-writes over the second disk, with its log on the third.
 use_logged() {
-	modprobe -q dm-log-writes
+	modprobe -q dm-log-writes || true
 	dmsetup targets | grep -q log-writes || skip "no dm-log-writes"
 	dmsetup create logged --table "0 $(sectors_of /dev/vdb) log-writes /dev/vdb /dev/vdc"
 	disk=/dev/mapper/logged
@@ -164,6 +187,7 @@ use_logged() {
 
 # Two partitions, the first not at a multiple of the tracked blocks.
 make_partitions() { # on $disk
+	[ "$(cat "$(sysfs_of "$disk")/ext_range")" -gt 1 ] || skip "no partitions on $disk"
 	local sector=$(blockdev --getss "$disk")
 	local scale=$((sector / 512))
 	printf '%s\n' o n p 1 $((2111 / scale)) $((20000 / scale)) n p 2 $((20008 / scale)) \
@@ -179,6 +203,10 @@ make_partitions() { # on $disk
 remove_partitions() {
 	dd if=/dev/zero of="$disk" bs=4k count=1 conv=fsync 2>/dev/null
 	blockdev --rereadpt "$disk"
+}
+
+make_ext4() { # DISK: a file system that 2.6.32 knows as well
+	mkfs.ext4 -q -E nodiscard -O ^metadata_csum,^64bit,^orphan_file "$1"
 }
 
 # --- Logical volumes, until the case ends
@@ -202,7 +230,7 @@ use_volume() { # MEBIBYTES: $volume, with a file system mounted on /mnt
 	use_volume_group
 	lvm lvcreate -q -y -n data -L "$1m" vg
 	volume=/dev/vg/data
-	mkfs.ext4 -q -O ^metadata_csum,^64bit,^orphan_file $volume
+	make_ext4 $volume
 	mount -t ext4 $volume /mnt
 	defer umount /mnt
 }
@@ -224,13 +252,26 @@ drop_snapshot() {
 
 # --- Work
 
+counts_segments() { # does this kernel's layer count a bio's current segment only, by its rule?
+	[ "${bio_counts:-whole}" = segment ]
+}
+
+# The sizes of writes to $disk. A write of several segments need not be reported in full where only
+# the current one counts; such a bio comes of direct writes that are longer than a page.
+write_sizes() { # [OPTION...] of fio
+	local small=512/25:3k/15:4k/20
+	[ "$(blockdev --getss "$disk")" = 512 ] || small=4k/60
+	case $* in
+	*--direct=1*) ! counts_segments || { echo $small:4k/40; return; } ;;
+	esac
+	echo $small:64k/15:68k/10:132k/11:4m/4
+}
+
 # Random writes of all sizes to $disk, as far as the options do not say otherwise.
 fio_on_disk() { # [OPTION...]
-	local sizes=512/25:3k/15:4k/20:64k/15:68k/10:132k/11:4m/4
-	[ "$(blockdev --getss "$disk")" = 512 ] || sizes=4k/60:64k/15:68k/10:132k/11:4m/4
 	fio --name=work --filename="$disk" --thread --rw=randwrite --norandommap --ioengine=psync \
-		--bssplit=$sizes --number_ios=60 --refill_buffers --randrepeat=0 --end_fsync=1 \
-		--output=/tmp/fio.log "$@"
+		--bssplit="$(write_sizes "$@")" --number_ios=60 --refill_buffers --randrepeat=0 \
+		--invalidate=0 --end_fsync=1 --output=/tmp/fio.log "$@"
 }
 
 run_fio() { # [OPTION...]
@@ -252,9 +293,10 @@ stop_writing() {
 	wait
 }
 
+# Flushing the buffers of a memory disk erases it on 2.6.32, as fio does if not told otherwise.
 report_changes() { # DISK: leaves the report in /tmp/extents
 	sync
-	blockdev --flushbufs "$1"
+	[ "$1" = /dev/ram0 ] || blockdev --flushbufs "$1"
 	zorvatctl extents "$1" >/tmp/extents
 }
 

@@ -8,6 +8,7 @@ cases() {
 	echo knows_only_tracked_majors
 	echo unloads_during_start_up
 	echo unloads_while_tracking
+	echo unloads_around_last_closes
 	echo loads_and_unloads_under_io
 }
 
@@ -70,9 +71,42 @@ unloads_while_tracking() {
 	run_fio --number_ios=10 --direct=1
 }
 
+all_known() { # NAME...
+	for name; do
+		is_known_as_it_is "/dev/$name" || return 1
+	done
+}
+
+# Removed disks live on while somebody has them open, with the driver's table: their last closes come
+# before, while and after the driver unloads.
+unloads_around_last_closes() {
+	use_scsi_debug max_luns=6
+	local luns=/sys/bus/pseudo/drivers/scsi_debug/adapter0/host*/target*/*:* names name delay
+	for round in $(seq "${rounds:-2}"); do
+		eventually 10 eval "[ \$(ls -d $luns/block/sd* | wc -l) = 6 ]"
+		names=$(ls -d $luns/block/sd* | xargs -n1 basename)
+		load
+		eventually 10 all_known $names
+		delay=1800000
+		for name in $names; do
+			zorvatctl start "/dev/$name"
+			dd if=/dev/urandom of="/dev/$name" bs=64k count=4 conv=fsync 2>/dev/null
+			(exec 3<"/dev/$name" && usleep $delay) &
+			delay=$((delay + 250000))
+		done
+		usleep 200000
+		for name in $names; do
+			echo 1 >"/sys/block/$name/device/delete"
+		done
+		unload
+		wait
+		find_scsi_disk_again
+	done
+}
+
 # Bytes from vmalloc, but for the stacks of processes that come and go.
 vmalloc_in_use() {
-	grep -vE 'stack|dup_task_struct|unpurged' /proc/vmallocinfo | awk '{ sum += $2 } END { print sum }'
+	grep -vE 'stack|dup_task_struct|kernel_clone|unpurged' /proc/vmallocinfo | awk '{ sum += $2 } END { print sum }'
 }
 
 slab_in_use() {
@@ -92,7 +126,8 @@ one_round() {
 	unload
 }
 
-# Memory is compared after the first round has set up what the kernel keeps.
+# Memory is compared after the first round has set up what the kernel keeps. Unloading opens the
+# device-mapper's control device, and of each such open the driver keeps a page, by its rule.
 loads_and_unloads_under_io() {
 	local round vmalloc slab
 	disk=/dev/vdb
@@ -104,5 +139,5 @@ loads_and_unloads_under_io() {
 		one_round
 		is_writing
 	done
-	eventually 10 is_back_at "$vmalloc" $((slab + 512))
+	eventually 10 is_back_at $((vmalloc + ${rounds:-3} * 8192)) $((slab + 512))
 }

@@ -38,7 +38,7 @@ discards() {
 }
 
 file_system() {
-	mkfs.ext4 -q -E nodiscard "$disk"
+	make_ext4 "$disk"
 	mount -t ext4 "$disk" /mnt
 	cp -a /bin /usr/sbin /mnt
 	rm -r /mnt/bin

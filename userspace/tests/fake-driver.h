@@ -48,7 +48,7 @@ public:
 	{
 	}
 
-	int execute(const zorvat::Command &command, const zorvat::Volume *,
+	int execute(const zorvat::Command &command, const zorvat::Target &,
 		    std::span<std::byte> record) const override
 	{
 		volume_.requests.push_back(command.index);

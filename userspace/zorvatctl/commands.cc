@@ -1,32 +1,24 @@
 // SPDX-License-Identifier: GPL-2.0
 /* What each subcommand asks and prints. Text is small and made for pipes; lengths are sectors. */
-#include "commands.h"
-
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <fmt/format.h>
 #include <iterator>
-#include <nlohmann/json.hpp>
 #include <unistd.h>
 #include <zorvat/sysfs.h>
 
+#include "render.h"
+
 using zorvat::Driver;
 using zorvat::Volume;
-using Json = nlohmann::ordered_json;
 
 namespace
 {
 
-constexpr uint64_t sector_bytes = 512;
-
 Driver open_driver(const Options &options)
 {
-	if (options.block_ioctl)
-		return Driver(zorvat::open_block_devices());
-	if (options.ioctl)
-		return Driver(zorvat::open_control_device());
-	return Driver(zorvat::open_netlink());
+	return Driver(open_transport(options));
 }
 
 /* A driver and the volume that a subcommand is about. */
@@ -39,11 +31,6 @@ struct Target {
 	Volume volume;
 	Driver driver;
 };
-
-std::string dump(const Json &json)
-{
-	return json.dump(2) + "\n";
-}
 
 Json identity(const Volume &volume)
 {
@@ -362,36 +349,61 @@ std::string switch_count(const Options &options)
 }
 
 constexpr Subcommand table[] = {
-	{"version", "print the driver's version", Subcommand::optional, version},
-	{"volumes", "list the volumes that the driver knows", Subcommand::none, volumes},
-	{"start", "start tracking a volume", Subcommand::required, start},
-	{"stop", "stop tracking a volume and forget its changes", Subcommand::required, stop},
-	{"level", "print whether a volume is tracked (1 or 0), and its length",
-	 Subcommand::required, level},
+	{"version", "print the driver's version", Subcommand::perhaps_volume, version},
+	{"volumes", "list the volumes that the driver knows", Subcommand::nothing, volumes},
+	{"start", "start tracking a volume", Subcommand::volume, start},
+	{"stop", "stop tracking a volume and forget its changes", Subcommand::volume, stop},
+	{"level", "print whether a volume is tracked (1 or 0), and its length", Subcommand::volume,
+	 level},
 	{"extents", "print the changed extents: start and length in 512-byte sectors",
-	 Subcommand::required, extents},
-	{"bitmap-size", "print the size of a volume's bitmap in bytes", Subcommand::required,
+	 Subcommand::volume, extents},
+	{"bitmap-size", "print the size of a volume's bitmap in bytes", Subcommand::volume,
 	 bitmap_size},
 	{"granularity", "print how many sectors one bit of the bitmap covers (netlink only)",
-	 Subcommand::required, granularity},
-	{"clear", "clear the frozen bitmap after its changes were backed up", Subcommand::required,
+	 Subcommand::volume, granularity},
+	{"clear", "clear the frozen bitmap after its changes were backed up", Subcommand::volume,
 	 clear},
-	{"switch", "freeze the changes so far and go on with a fresh bitmap", Subcommand::required,
+	{"switch", "freeze the changes so far and go on with a fresh bitmap", Subcommand::volume,
 	 switch_bitmap},
-	{"uuid", "print a volume's identifier", Subcommand::required, uuid},
-	{"save-time", "print or set the time of a volume's last backup", Subcommand::required,
+	{"uuid", "print a volume's identifier", Subcommand::volume, uuid},
+	{"save-time", "print or set the time of a volume's last backup", Subcommand::volume,
 	 save_time},
 	{"switch-count", "print how often the bitmap was switched since tracking began",
-	 Subcommand::required, switch_count},
-	{"bitmap", "export the bitmap of a volume below 2 GiB as raw bytes", Subcommand::required,
+	 Subcommand::volume, switch_count},
+	{"bitmap", "export the bitmap of a volume below 2 GiB as raw bytes", Subcommand::volume,
 	 bitmap},
-	{"verbosity", "print or set what the driver writes to the kernel log", Subcommand::none,
+	{"verbosity", "print or set what the driver writes to the kernel log", Subcommand::nothing,
 	 verbosity},
-	{"refresh", "have the driver look for block devices that it missed", Subcommand::none,
+	{"refresh", "have the driver look for block devices that it missed", Subcommand::nothing,
 	 refresh},
+	{"serve", "serve an image as a read-only disk until told to stop", Subcommand::image,
+	 serve},
+	{"disks", "list the restore disks", Subcommand::nothing, disks},
+	{"suspend", "take a restore disk's block device away", Subcommand::disk, suspend},
+	{"resume", "make a suspended restore disk a block device again", Subcommand::disk, resume},
+	{"destroy", "destroy a restore disk", Subcommand::disk, destroy},
 };
 
 } // namespace
+
+std::unique_ptr<zorvat::Transport> open_transport(const Options &options)
+{
+	if (options.block_ioctl)
+		return zorvat::open_block_devices();
+	if (options.ioctl)
+		return zorvat::open_control_device();
+	return zorvat::open_netlink();
+}
+
+void print(const std::string &output)
+{
+	if (std::fwrite(output.data(), 1, output.size(), stdout) != output.size() ||
+	    std::fflush(stdout) != 0)
+		throw zorvat::Error(
+			zorvat::Errc::system,
+			fmt::format("cannot write the output: {}", zorvat::error_text(errno)), {},
+			errno);
+}
 
 std::span<const Subcommand> subcommands()
 {

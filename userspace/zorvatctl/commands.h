@@ -21,6 +21,11 @@ struct Options {
 	std::optional<uint64_t> save_time;
 	std::vector<std::string> verbosity; // LEVEL, or GROUP=LEVEL...; empty: show it
 	std::string output;                 // file for the bitmap; empty: standard output
+	std::string disk;                   // a restore disk, as the user named it
+	std::string image;                  // what to serve: a path, or a URI of NBD's
+	size_t block_size = 512;            // of the disk to serve
+	bool stats = false;                 // show throughput while serving
+	std::optional<uint16_t> port;       // of the disk's server; empty: ask it
 };
 
 /* The command line asks for something that makes no sense. */
@@ -32,14 +37,23 @@ struct Subcommand {
 	const char *name;
 	const char *help;
 	enum {
-		none,
-		optional,
-		required
-	} takes_volume;
+		nothing,
+		perhaps_volume,
+		volume,
+		disk,
+		image
+	} takes;
 	/* Returns what to print. Throws zorvat::Error, or UsageError. */
 	std::string (*run)(const Options &options);
 };
 
 std::span<const Subcommand> subcommands();
+
+/* Those of restore disks: disks.cc, serve.cc */
+std::string disks(const Options &options);
+std::string serve(const Options &options);
+std::string suspend(const Options &options);
+std::string resume(const Options &options);
+std::string destroy(const Options &options);
 
 #endif

@@ -4,8 +4,9 @@
 #include <cstdio>
 #include <fmt/format.h>
 #include <string_view>
+#include <zorvat/disk-server.h>
 
-#include "commands.h"
+#include "render.h"
 
 namespace
 {
@@ -16,7 +17,7 @@ enum ExitCode {
 	exit_failed = 1,
 	exit_usage = 2,
 	exit_no_driver = 3,
-	exit_unknown_volume = 4,
+	exit_unknown = 4,
 	exit_not_permitted = 5,
 	exit_wrong_state = 6,
 };
@@ -29,11 +30,14 @@ ExitCode exit_code(zorvat::Errc code)
 		return exit_no_driver;
 	case zorvat::Errc::bad_volume_name:
 	case zorvat::Errc::unknown_volume:
-		return exit_unknown_volume;
+	case zorvat::Errc::unknown_disk:
+		return exit_unknown;
 	case zorvat::Errc::not_permitted:
 		return exit_not_permitted;
 	case zorvat::Errc::not_tracked:
 	case zorvat::Errc::already_tracked:
+	case zorvat::Errc::disk_suspended:
+	case zorvat::Errc::disk_running:
 		return exit_wrong_state;
 	default:
 		return exit_failed;
@@ -46,13 +50,39 @@ ExitCode fail(ExitCode code, std::string_view message)
 	return code;
 }
 
+std::string check_block_size(const std::string &text)
+{
+	size_t bytes = 0;
+	if (CLI::detail::lexical_cast(text, bytes) && zorvat::is_usable_block_size(bytes))
+		return "";
+	return "the kernel can do powers of two from 512 to its page size, 4096";
+}
+
+void add_target_of(const Subcommand &subcommand, CLI::App &app, Options &options)
+{
+	switch (subcommand.takes) {
+	case Subcommand::nothing:
+		return;
+	case Subcommand::perhaps_volume:
+	case Subcommand::volume:
+		app.add_option("volume", options.volume, "path, MAJOR:MINOR or kernel name")
+			->required(subcommand.takes == Subcommand::volume);
+		return;
+	case Subcommand::disk:
+		app.add_option("disk", options.disk, "kernel name, or path of its device node")
+			->required();
+		return;
+	case Subcommand::image:
+		app.add_option("image", options.image,
+			       "path of a raw image or block device, or URI of an NBD export")
+			->required();
+		return;
+	}
+}
+
 void add_options_of(const Subcommand &subcommand, CLI::App &app, Options &options)
 {
-	if (subcommand.takes_volume != Subcommand::none) {
-		auto *volume = app.add_option("volume", options.volume,
-					      "path, MAJOR:MINOR or kernel name");
-		volume->required(subcommand.takes_volume == Subcommand::required);
-	}
+	add_target_of(subcommand, app, options);
 	if (std::string_view(subcommand.name) == "extents") {
 		app.add_flag("--sum", options.sum, "print totals instead of the extents");
 		app.add_option("--batch", options.batch, "extents to ask for in one request")
@@ -69,6 +99,17 @@ void add_options_of(const Subcommand &subcommand, CLI::App &app, Options &option
 			->add_option("values", options.verbosity,
 				     "LEVEL (0 to 8) for all, or GROUP=LEVEL...")
 			->required();
+	if (std::string_view(subcommand.name) == "serve") {
+		app.add_option("--block-size", options.block_size, "of the disk, in bytes")
+			->check(CLI::Validator(check_block_size, "BYTES"))
+			->capture_default_str();
+		app.add_flag("--stats", options.stats,
+			     "show the throughput each second on standard error");
+	}
+	if (std::string_view(subcommand.name) == "resume")
+		app.add_option("--port", options.port,
+			       "where the disk's server listens; asked of it if not given")
+			->check(CLI::Range(1, UINT16_MAX));
 }
 
 void add_subcommands(CLI::App &app, Options &options, const Subcommand *&chosen)
@@ -81,23 +122,15 @@ void add_subcommands(CLI::App &app, Options &options, const Subcommand *&chosen)
 	}
 }
 
-/* A listing that was cut by a full disk must not look complete. */
-bool print(const std::string &output)
-{
-	return std::fwrite(output.data(), 1, output.size(), stdout) == output.size() &&
-	       std::fflush(stdout) == 0;
-}
-
 ExitCode run(const Subcommand &subcommand, const Options &options)
 {
-	if (options.block_ioctl && subcommand.takes_volume == Subcommand::optional &&
+	if (options.block_ioctl && subcommand.takes == Subcommand::perhaps_volume &&
 	    options.volume.empty())
 		return fail(exit_usage, fmt::format("{} --block-ioctl needs a volume, on whose "
 						    "device to ask",
 						    subcommand.name));
 	try {
-		if (!print(subcommand.run(options)))
-			return fail(exit_failed, "cannot write the output");
+		print(subcommand.run(options));
 		return exit_ok;
 	} catch (const UsageError &error) {
 		return fail(exit_usage, error.what());
@@ -114,7 +147,8 @@ int main(int argc, char **argv)
 {
 	Options options;
 	const Subcommand *chosen = nullptr;
-	CLI::App app("Controls the zorvat driver, which tracks changed blocks of disks and volumes",
+	CLI::App app("Controls the zorvat driver, which tracks changed blocks of disks and volumes "
+		     "and serves restore disks",
 		     "zorvatctl");
 	app.require_subcommand(1);
 	app.set_version_flag("--version", "zorvatctl " ZORVATCTL_VERSION);

@@ -91,9 +91,14 @@ void ka_queue_set_make_request(struct request_queue *queue, ka_make_request_fn *
 	queue->make_request_fn = (make_request_fn *)function;
 }
 
-/* The kernel does not know who runs the function; the driver counts. */
+/*
+ * The kernel does not know who runs the function. It is not preempted between reading the pointer
+ * and the function's first sleep: after a grace period everybody who read it is in the function,
+ * asleep, or out of it.
+ */
 void ka_queue_drain_make_request(struct request_queue *queue)
 {
+	synchronize_sched();
 }
 
 const struct ka_block_device_operations *ka_disk_fops(struct gendisk *disk)

@@ -10,8 +10,7 @@
 #include <string_view>
 
 #include "extent-collector.h"
-#include "kernel-errors.h"
-#include "unreachable.h"
+#include "failures.h"
 #include "wt.h"
 
 namespace zorvat
@@ -80,16 +79,6 @@ std::string attempt(const Request &request, const Volume *volume)
 {
 	return fmt::format("cannot {} {}", request.purpose,
 			   volume ? volume->label() : "the control interface");
-}
-
-/*
- * The driver's error for everything that it will not do, unknown volumes included, and the errors
- * that the roads to it have for commands which reach no driver at all.
- */
-bool is_refusal(int number)
-{
-	return number == EINVAL || number == ENOTTY || number == EOPNOTSUPP ||
-	       number == no_such_kernel_command;
 }
 
 /* A request for extents with room for the answer. */
@@ -275,29 +264,12 @@ void Driver::run(const Request &request, const Volume &volume, std::span<std::by
 		throw failure(request, &volume, -result);
 }
 
-/* The error for a command that the driver, or the road to it, answered with a number. */
 Error Driver::failure(const Request &request, const Volume *volume, int number) const
 {
 	std::string failed = attempt(request, volume);
-	switch (number) {
-	case EPERM:
-	case EACCES:
-		return Error(Errc::not_permitted, failed + ": not permitted",
-			     "run as root, or with CAP_NET_ADMIN (netlink) or CAP_SYS_ADMIN "
-			     "(ioctl)",
-			     number);
-	case EAGAIN:
-		return Error(Errc::driver_not_ready,
-			     failed + ": the driver is starting or going away", "try again",
-			     number);
-	case ENOMEM:
-		return Error(Errc::no_memory, failed + ": the kernel is out of memory",
-			     "free some memory and try again", number);
-	}
 	if (is_refusal(number) && volume)
 		return refusal(request, *volume, number);
-	return Error(Errc::system, fmt::format("{}: {}", failed, error_text(number)),
-		     "the kernel log may say more", number);
+	return command_failure(failed, number);
 }
 
 /* One number stands for many reasons: finds out which one from the volume's state. */
@@ -309,8 +281,7 @@ Error Driver::refusal(const Request &request, const Volume &volume, int number) 
 
 	std::string failed = attempt(request, &volume);
 	if (number != EINVAL)
-		return Error(Errc::unsupported, failed + ": this driver has no such command",
-			     "load a driver of the same version as this program", number);
+		return no_such_command(failed, number);
 
 	bool tracked = state.level == 1;
 	if (tracked && request.refused_when == Request::tracked)

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 /* The library's exception and the texts of kernel error numbers. */
+#include <cerrno>
 #include <filesystem>
 #include <fmt/format.h>
 #include <system_error>
 #include <zorvat/error.h>
 
+#include "failures.h"
 #include "kernel-errors.h"
-#include "unreachable.h"
 
 namespace zorvat
 {
@@ -37,6 +38,40 @@ Error driver_unreachable(std::string_view door, int number)
 	return Error(Errc::driver_not_loaded,
 		     fmt::format("cannot reach the driver: {} is not there", door),
 		     "load the driver with 'modprobe zorvat'", number);
+}
+
+Error command_failure(std::string_view attempt, int number)
+{
+	switch (number) {
+	case EPERM:
+	case EACCES:
+		return Error(Errc::not_permitted, fmt::format("{}: not permitted", attempt),
+			     "run as root, or with CAP_NET_ADMIN (netlink) or CAP_SYS_ADMIN "
+			     "(ioctl)",
+			     number);
+	case EAGAIN:
+		return Error(Errc::driver_not_ready,
+			     fmt::format("{}: the driver is starting or going away", attempt),
+			     "try again", number);
+	case ENOMEM:
+		return Error(Errc::no_memory,
+			     fmt::format("{}: the kernel is out of memory", attempt),
+			     "free some memory and try again", number);
+	}
+	return Error(Errc::system, fmt::format("{}: {}", attempt, error_text(number)),
+		     "the kernel log may say more", number);
+}
+
+bool is_refusal(int number)
+{
+	return number == EINVAL || number == ENOTTY || number == EOPNOTSUPP ||
+	       number == no_such_kernel_command;
+}
+
+Error no_such_command(std::string_view attempt, int number)
+{
+	return Error(Errc::unsupported, fmt::format("{}: this driver has no such command", attempt),
+		     "load a driver of the same version as this program", number);
 }
 
 Error unknown_volume(std::string_view attempt, const Volume &volume, int number)

@@ -11,12 +11,11 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 #include <zorvat/error.h>
 
-#include "unreachable.h"
+#include "failures.h"
 #include "wt.h"
 
 namespace zorvat
@@ -72,6 +71,16 @@ void require_device(int fd, const Volume &volume)
 			    "name the volume by the path of its device node");
 }
 
+const Volume *volume_of(const Command &command, const Target &target)
+{
+	if (std::holds_alternative<DiskHandle>(target) ||
+	    command.index >= WTFLR_START_SESSION_IOCTL_INDEX)
+		throw Error(Errc::unsupported,
+			    "the driver serves commands on restore disks over netlink only",
+			    "ask over generic netlink, the default");
+	return std::get<const Volume *>(target);
+}
+
 } // namespace
 
 int call_ioctl(int fd, unsigned long command, void *argument)
@@ -80,20 +89,15 @@ int call_ioctl(int fd, unsigned long command, void *argument)
 	return result < 0 ? -errno : result;
 }
 
-FileDescriptor::~FileDescriptor()
-{
-	if (fd_ >= 0)
-		close(fd_);
-}
-
 ControlDevice::ControlDevice(const std::string &node, IoctlCall call)
     : device_(open_control_node(node)), call_(std::move(call))
 {
 }
 
-int ControlDevice::execute(const Command &command, const Volume *volume,
+int ControlDevice::execute(const Command &command, const Target &target,
 			   std::span<std::byte> record) const
 {
+	const Volume *volume = volume_of(command, target);
 	if (command.index == WT_GET_DRIVER_VERSION_IOCTL_INDEX)
 		return call_(device_.get(), WT_IOCTL(command.index), record.data());
 
@@ -111,9 +115,10 @@ BlockDevices::BlockDevices(IoctlCall call) : call_(std::move(call))
 {
 }
 
-int BlockDevices::execute(const Command &command, const Volume *volume,
+int BlockDevices::execute(const Command &command, const Target &target,
 			  std::span<std::byte> record) const
 {
+	const Volume *volume = volume_of(command, target);
 	if (!volume)
 		throw std::invalid_argument("a command on the disk's own device needs a volume");
 	FileDescriptor device(open_block_node(*volume));

@@ -10,6 +10,8 @@
 #include <string>
 #include <zorvat/transport.h>
 
+#include "file-descriptor.h"
+
 namespace zorvat
 {
 
@@ -19,32 +21,13 @@ using IoctlCall = std::function<int(int fd, unsigned long command, void *argumen
 /* ioctl(2) */
 int call_ioctl(int fd, unsigned long command, void *argument);
 
-class FileDescriptor
-{
-public:
-	explicit FileDescriptor(int fd) noexcept : fd_(fd)
-	{
-	}
-	~FileDescriptor();
-	FileDescriptor(const FileDescriptor &) = delete;
-	FileDescriptor &operator=(const FileDescriptor &) = delete;
-
-	int get() const noexcept
-	{
-		return fd_;
-	}
-
-private:
-	int fd_;
-};
-
 class ControlDevice final : public Transport
 {
 public:
 	/* Throws Error when the node cannot be opened. */
 	explicit ControlDevice(const std::string &node, IoctlCall call = call_ioctl);
 
-	int execute(const Command &command, const Volume *volume,
+	int execute(const Command &command, const Target &target,
 		    std::span<std::byte> record) const override;
 
 private:
@@ -58,7 +41,7 @@ class BlockDevices final : public Transport
 public:
 	explicit BlockDevices(IoctlCall call = call_ioctl);
 
-	int execute(const Command &command, const Volume *volume,
+	int execute(const Command &command, const Target &target,
 		    std::span<std::byte> record) const override;
 
 private:

@@ -2,6 +2,7 @@
 /* Reads netlink messages: acknowledgements, and replies with the attribute that is expected. */
 #include "netlink-answer.h"
 
+#include <algorithm>
 #include <cstring>
 #include <fmt/format.h>
 #include <netlink/attr.h>
@@ -40,9 +41,10 @@ void read_record(nlmsghdr *header, const Command &command, std::span<std::byte> 
 	const nlattr *attribute = nla_find(genlmsg_attrdata(generic, 0),
 					   genlmsg_attrlen(generic, 0), command.reply_attribute);
 	std::span<std::byte> wanted = record.subspan(command.reply_offset);
-	if (!attribute || nla_len(attribute) < static_cast<int>(wanted.size()))
+	const size_t length = attribute ? nla_len(attribute) : 0;
+	if (!attribute || (length < wanted.size() && !command.reply_varies))
 		throw malformed(command, "lacks its record or has a short one");
-	std::memcpy(wanted.data(), nla_data(attribute), wanted.size());
+	std::memcpy(wanted.data(), nla_data(attribute), std::min(length, wanted.size()));
 }
 
 } // namespace

@@ -14,8 +14,8 @@
 #include <poll.h>
 #include <zorvat/error.h>
 
+#include "failures.h"
 #include "netlink-answer.h"
-#include "unreachable.h"
 #include "wt.h"
 
 namespace zorvat
@@ -65,6 +65,17 @@ int resolve_family(nl_sock *socket, const std::string &name)
 	return require(family, "resolve netlink family " + name);
 }
 
+void put_target(nl_msg *message, const Target &target)
+{
+	int result = 0;
+	if (auto *disk = std::get_if<DiskHandle>(&target))
+		result = nla_put(message, WT_GENATTR_JORL_DISKHANDLE, sizeof(*disk), disk);
+	else if (auto *volume = std::get<const Volume *>(target))
+		result = nla_put_u32(message, WT_GENATTR_DISKHANDLE,
+				     volume->device.kernel_encoding());
+	require(result, "build a request");
+}
+
 } // namespace
 
 void Netlink::FreeSocket::operator()(nl_sock *socket) const
@@ -84,11 +95,11 @@ Netlink::Netlink(const std::string &family) : socket_(require_memory(nl_socket_a
 	family_ = static_cast<uint16_t>(resolve_family(socket_.get(), family));
 }
 
-int Netlink::execute(const Command &command, const Volume *volume,
+int Netlink::execute(const Command &command, const Target &target,
 		     std::span<std::byte> record) const
 {
 	std::lock_guard lock(one_request_at_a_time_);
-	uint32_t sequence = send(command, volume, record.first(command.request_size));
+	uint32_t sequence = send(command, target, record.first(command.request_size));
 	for (;;) {
 		wait_for_datagram(command);
 		sockaddr_nl sender{};
@@ -107,17 +118,14 @@ int Netlink::execute(const Command &command, const Volume *volume,
 }
 
 /* Returns the request's sequence number. */
-uint32_t Netlink::send(const Command &command, const Volume *volume,
+uint32_t Netlink::send(const Command &command, const Target &target,
 		       std::span<const std::byte> record) const
 {
 	Message message(require_memory(nlmsg_alloc()));
 	uint32_t sequence = nl_socket_use_seq(socket_.get());
 	require_memory(genlmsg_put(message.get(), NL_AUTO_PORT, sequence, family_, 0, NLM_F_REQUEST,
 				   static_cast<uint8_t>(command.index), WT_GENL_FAMILY_VERSION));
-	if (volume)
-		require(nla_put_u32(message.get(), WT_GENATTR_DISKHANDLE,
-				    volume->device.kernel_encoding()),
-			"build a request");
+	put_target(message.get(), target);
 	if (command.request_attribute != 0)
 		require(nla_put(message.get(), command.request_attribute,
 				static_cast<int>(record.size()), record.data()),

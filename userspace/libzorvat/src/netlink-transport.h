@@ -19,7 +19,7 @@ public:
 	/* Throws Error when there is no such family. */
 	explicit Netlink(const std::string &family);
 
-	int execute(const Command &command, const Volume *volume,
+	int execute(const Command &command, const Target &target,
 		    std::span<std::byte> record) const override;
 
 private:
@@ -27,7 +27,7 @@ private:
 		void operator()(nl_sock *socket) const;
 	};
 
-	uint32_t send(const Command &command, const Volume *volume,
+	uint32_t send(const Command &command, const Target &target,
 		      std::span<const std::byte> record) const;
 	void wait_for_datagram(const Command &command) const;
 

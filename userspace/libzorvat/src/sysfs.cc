@@ -10,7 +10,7 @@
 #include <zorvat/sysfs.h>
 
 #include "extent-collector.h"
-#include "unreachable.h"
+#include "failures.h"
 
 namespace zorvat
 {

@@ -21,6 +21,10 @@ enum class Errc {
 	unknown_volume,    // the block device exists, the driver does not know it
 	not_tracked,       // the command needs a tracked volume
 	already_tracked,   // tracking was asked for twice
+	unknown_disk,      // the driver has no such restore disk
+	disk_suspended,    // the command needs a restore disk that runs
+	disk_running,      // the command needs a restore disk that is suspended
+	bad_image,         // what a restore disk is to be made of cannot be used
 	refused,           // the driver knows the volume and refused for a reason of its own
 	unsupported,       // this driver, or this transport, does not serve the command
 	changed_meanwhile, // the answer is of no use: the volume changed while it was collected

@@ -28,6 +28,10 @@ struct DeviceNumber {
 	{
 		return major << 20 | minor;
 	}
+	static constexpr DeviceNumber from_kernel_encoding(uint32_t number)
+	{
+		return {number >> 20, number & ((1u << 20) - 1)};
+	}
 	/* "MAJOR:MINOR", the driver's and the kernel's name for a device number. */
 	std::string to_string() const;
 	/* Nothing unless the text is exactly "MAJOR:MINOR" and within the kernel's bounds. */
