@@ -38,6 +38,9 @@
 #define TAKEN_FLAGS (VM_PFNMAP | VM_IO | VM_DONTCOPY | VM_DONTEXPAND)
 #define SHOWN_FLAGS (TAKEN_FLAGS | KERNEL_VM_SHOWN)
 
+/* In ticks. Whoever does not wait for the disk itself unlocks an address space far sooner. */
+#define LOCK_PATIENCE (10 * HZ)
+
 struct takeover {
 	atomic_t references;
 	struct mm_struct *mm;       /* pinned, not in use */
@@ -50,6 +53,7 @@ struct takeover {
 	atomic_t changes; /* mappings that came or went */
 
 	unsigned long shown_from; /* where pages are shown; 0: nowhere */
+	bool keeps_locked;        /* the process, its address space, last time */
 	int shown_changes;        /* the changes until then */
 
 	spinlock_t lock;            /* guards the next three */
@@ -208,7 +212,9 @@ static bool enter(struct takeover *takeover)
 {
 	if (!takeover || !kernel_mmget_not_zero(takeover->mm))
 		return false;
-	if (kernel_mmap_write_lock_in_time(takeover->mm))
+	takeover->keeps_locked = !kernel_mmap_write_lock_in_time(
+		takeover->mm, takeover->keeps_locked ? 1 : LOCK_PATIENCE);
+	if (!takeover->keeps_locked)
 		return true;
 	stop_using(takeover);
 	return false;

@@ -129,13 +129,11 @@ static inline void kernel_mmap_write_lock(struct mm_struct *mm)
 
 /*
  * A fault may hold it and wait for this thread's work, for a free request say, and not even a
- * signal ends that. Long before that many ticks have passed, everybody else had the lock.
+ * signal ends that.
  */
-static inline bool kernel_mmap_write_lock_in_time(struct mm_struct *mm)
+static inline bool kernel_mmap_write_lock_in_time(struct mm_struct *mm, int ticks)
 {
-	int ticks;
-
-	for (ticks = 0; ticks < 10 * HZ; ticks++) {
+	for (; ticks; ticks--) {
 		if (down_write_trylock(&mm->mmap_sem))
 			return true;
 		schedule_timeout_uninterruptible(1);

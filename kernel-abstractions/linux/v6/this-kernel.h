@@ -157,7 +157,7 @@ static inline void kernel_mmap_write_lock(struct mm_struct *mm)
 }
 
 /* A fault that holds it and waits for this thread's work ends when the process is killed. */
-static inline bool kernel_mmap_write_lock_in_time(struct mm_struct *mm)
+static inline bool kernel_mmap_write_lock_in_time(struct mm_struct *mm, int ticks)
 {
 	mmap_write_lock(mm);
 	return true;
