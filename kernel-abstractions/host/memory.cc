@@ -78,7 +78,8 @@ void *allocate(size_t size, int parity)
 	void *memory = nullptr;
 	if (posix_memalign(&memory, page, size) != 0)
 		return nullptr;
-	if (parity < 0 || reinterpret_cast<uintptr_t>(memory) / page % 2 == uintptr_t(parity))
+	if (parity < 0 || size > page ||
+	    reinterpret_cast<uintptr_t>(memory) / page % 2 == uintptr_t(parity))
 		return memory;
 	void *next = allocate(size, parity);
 	free(memory);
