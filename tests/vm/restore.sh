@@ -69,18 +69,15 @@ two_disks_two_readers() {
 	done
 }
 
+# They end in the reverse order: the driver's table loses sight of records that were entered after one
+# that goes.
 lists_70_disks() {
 	make_image 1
 	for n in $(seq 70); do
-		zorvatctl serve /tmp/image >/tmp/served.$n 2>&1 &
+		serve /tmp/image
 	done
-	defer 'killall -q zorvatctl; wait'
-	eventually 60 has_disks 70
+	[ "$(zorvatctl disks | grep -c zorvat-)" = 70 ]
 	[ "$(ls /sys/zorvat/restore-volumes | grep -c zorvat-)" = 70 ]
-}
-
-has_disks() { # COUNT
-	[ "$(zorvatctl disks | grep -c zorvat-)" = "$1" ]
 }
 
 suspends_under_load() {
