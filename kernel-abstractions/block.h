@@ -170,14 +170,15 @@ struct ka_disk_description {
 
 /*
  * A queue that calls the function, under that lock or, for null, one of its own. At most `depth`
- * requests are under way. Segments of a bio on it are contiguous but for the pages' boundaries: only
- * the first may begin inside a page and only the last end there. Null when memory is short.
+ * requests are under way. Segments of a bio on it are contiguous but for the pages' boundaries:
+ * only the first may begin inside a page and only the last end there. Null when memory is short.
  */
 struct request_queue *ka_blk_init_queue(ka_request_fn *function, struct ka_spinlock *lock,
 					unsigned int depth, struct ka_disk_owner *owner);
 void ka_blk_cleanup_queue(struct request_queue *queue);
 struct ka_disk_owner *ka_queue_owner(struct request_queue *queue);
-/* In bytes, before the disk is added. -EINVAL, with a line in the kernel log, for one that this kernel cannot have. */
+/* In bytes, before the disk is added. -EINVAL, with a line in the kernel log, for one that this
+ * kernel cannot have. */
 int ka_blk_queue_block_size(struct request_queue *queue, unsigned short logical,
 			    unsigned int physical);
 
@@ -241,8 +242,8 @@ int ka_add_disk(struct gendisk **disk);
 /* Only after ka_add_disk succeeded. Requests under way come to their end first. */
 void ka_del_gendisk(struct gendisk *disk);
 /*
- * The last use of the disk. The queue may have been cleaned up before or not. Both may happen in the
- * disk's own release operation.
+ * The last use of the disk. The queue may have been cleaned up before or not. Both may happen in
+ * the disk's own release operation.
  */
 void ka_put_disk(struct gendisk *disk);
 

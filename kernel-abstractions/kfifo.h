@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* A queue of bytes of fixed size, under a lock of the driver's. Any context, but for alloc and free. */
+/* A queue of bytes of fixed size, under a lock of the driver's. Any context, but for alloc and
+ * free. */
 #ifndef KA_KFIFO_H
 #define KA_KFIFO_H
 

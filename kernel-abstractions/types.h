@@ -86,7 +86,7 @@ enum {
 	KA_ENOTCONN = 107,
 	KA_EINPROGRESS = 115,
 	KA_ERESTARTSYS = 512, /* a signal arrived; never seen by user space */
-	KA_ENOIOCTLCMD = 515 /* not an ioctl of this driver; user space sees ENOTTY */
+	KA_ENOIOCTLCMD = 515  /* not an ioctl of this driver; user space sees ENOTTY */
 };
 
 #define KA_MAX_ERRNO 4095

@@ -22,6 +22,8 @@ constexpr uint32_t hash_bits_of(uint32_t length)
 
 static_assert(hash_bits_of(128) == 7 && hash_bits_of(1u << 31) == 31 && hash_bits_of(0) == 32);
 
+constexpr uint32_t INITIAL_TABLE_LENGTH = 128;
+
 // Traits say what a slot is:
 //   Key, Bucket      the key's and the slot's type; an all-zero slot is empty
 //   occupied(bucket) whether the slot holds a record
@@ -121,11 +123,9 @@ public:
 	}
 
 private:
-	static constexpr uint32_t INITIAL_LENGTH = 128;
-
 	uint32_t first_length() const
 	{
-		return Traits::keeps_length ? length : INITIAL_LENGTH;
+		return Traits::keeps_length ? length : INITIAL_TABLE_LENGTH;
 	}
 
 	static Bucket *allocate(uint32_t count)
@@ -154,7 +154,7 @@ private:
 	}
 
 	Bucket *buckets = nullptr;
-	uint32_t length = INITIAL_LENGTH;
+	uint32_t length = INITIAL_TABLE_LENGTH;
 	uint32_t num_bits = 0;
 };
 

@@ -24,6 +24,8 @@ static cdev *mappercontrol_driver;
 // them.
 static const ka_file_operations *g_misc_oldfops; // set: patched, now or once
 static const ka_file_operations *g_dmcontrol_oldfops;
+static ka_file_entries
+	dmcontrol_entries; // of that table, which goes with the device-mapper's module
 static ka_file_operations g_misc_newfops;
 static ka_file_operations g_dm_newfops;
 static bool is_unpatched; // under the map's mutex: no file may be hooked any more
@@ -133,6 +135,8 @@ public:
 
 // --- Ioctls --------------------------------------------------------------------------------------
 
+static constexpr uint32_t MAX_REQUEST = 256u << 20; // bytes
+
 // A private copy of a request as it stands in the process's memory. Wiped before it is freed: it
 // may hold the key of an encrypted device.
 class RequestCopy
@@ -148,13 +152,16 @@ public:
 	RequestCopy(const RequestCopy &) = delete;
 	RequestCopy &operator=(const RequestCopy &) = delete;
 
-	// -EFAULT when the request cannot be read or says that it is smaller than `least`.
+	// -EFAULT when the request cannot be read or says that it is smaller than `least`, -ENOMEM
+	// when it says that it is larger than any that the kernel takes.
 	int read(const void *user, uint32_t least)
 	{
 		dm_ioctl header = {};
 		if (ka_copy_from_user(&header, user, DM_HEADER_SIZE) != 0 ||
 		    header.data_size < least)
 			return -KA_EFAULT;
+		if (header.data_size > MAX_REQUEST)
+			return -KA_ENOMEM;
 		// The kernel answers some commands with less than a whole header.
 		const size_t size =
 			header.data_size < sizeof(header) ? sizeof(header) : header.data_size;
@@ -177,7 +184,7 @@ private:
 
 static long dm_ioctl_of_kernel(file *filp, unsigned int cmd, unsigned long arg)
 {
-	return ka_file_ops_entries(g_dmcontrol_oldfops).unlocked_ioctl(filp, cmd, arg);
+	return dmcontrol_entries.unlocked_ioctl(filp, cmd, arg);
 }
 
 // Has the kernel run the request and shows it to the processor. Returns what the process gets; *err
@@ -249,16 +256,21 @@ static long dm_unlocked_ioctl(file *filp, unsigned int cmd, unsigned long arg)
 	KA_BUG_ON(!g_dmcontrol_oldfops);
 
 	dmp_handle_node *node;
+	bool was_hooked;
 	{
 		MapLock lock;
 		if (lock.error() != 0)
 			return lock.error();
 		node = dmp_handle_map_lookup(filp);
-		KA_BUG_ON(!node && !is_unpatched);
+		was_hooked = node || is_unpatched;
 	}
+	KA_BUG_ON(!was_hooked);
 	if (!node) // the call was on its way when the file lost its hook
 		return dm_ioctl_of_kernel(filp, cmd, arg);
-	const long ret = examine_or_forward(&node->dhn_data, filp, cmd, arg);
+	// The kernel refuses the requests of others without a look at their memory.
+	const long ret = ka_capable_sys_admin()
+				 ? examine_or_forward(&node->dhn_data, filp, cmd, arg)
+				 : dm_ioctl_of_kernel(filp, cmd, arg);
 	MutexLock lock(mtx_dmp_handle_map);
 	dmp_handle_put(node);
 	return ret;
@@ -273,8 +285,7 @@ static int dm_release(inode *node, file *filp)
 		dmp_handle_map_disown(filp);
 		return lock.error();
 	}
-	ka_file_fn *release = ka_file_ops_entries(g_dmcontrol_oldfops).release;
-	const int ret = release ? release(node, filp) : 0;
+	const int ret = dmcontrol_entries.release ? dmcontrol_entries.release(node, filp) : 0;
 	KA_BUG_ON(ka_inode_rdev(node) != dev_mappercontrol);
 	dmp_handle_node *handle = dmp_handle_map_lookup(filp);
 	if (!handle) {
@@ -296,6 +307,7 @@ static void capture_dm_operations(file *filp)
 	if (g_dmcontrol_oldfops)
 		return;
 	g_dmcontrol_oldfops = ka_file_ops(filp);
+	dmcontrol_entries = ka_file_ops_entries(g_dmcontrol_oldfops);
 	const ka_file_entries entries = {nullptr, dm_unlocked_ioctl, dm_release};
 	ka_file_ops_copy(&g_dm_newfops, g_dmcontrol_oldfops, &entries);
 }
@@ -303,7 +315,7 @@ static void capture_dm_operations(file *filp)
 static bool is_of_captured_kind(file *filp)
 {
 	return ka_file_ops_entries(ka_file_ops(filp)).unlocked_ioctl ==
-	       ka_file_ops_entries(g_dmcontrol_oldfops).unlocked_ioctl;
+	       dmcontrol_entries.unlocked_ioctl;
 }
 
 // Whether the file that the kernel has just opened shall be hooked.
@@ -428,25 +440,15 @@ int dm_patch()
 	return 0;
 }
 
-// Takes the hook out of the driver that has it. False when somebody else put theirs over it, or
-// when it is out already.
-static bool restore_open()
+// Takes the hook out of the driver that has it, unless somebody else put theirs over it.
+static void restore_open()
 {
-	if (ka_cdev_ops(mappercontrol_driver) != &g_misc_newfops)
-		return false;
-	ka_cdev_set_ops(mappercontrol_driver, g_misc_oldfops);
-	return true;
+	if (ka_cdev_ops(mappercontrol_driver) == &g_misc_newfops)
+		ka_cdev_set_ops(mappercontrol_driver, g_misc_oldfops);
 }
 
-static void unhook_files()
-{
-	dmp_handle_map_clear();
-	if (g_active_ioctl_count.get() > 0)
-		ka_schedule();
-}
-
-// The module may be on its way out and nobody looks at the result, so the hook goes also where the
-// path leads nowhere any more, or to another driver.
+// The module may be on its way out and nobody looks at the result, so what can be taken out goes
+// also where the path leads nowhere any more, or to another driver.
 int dm_unpatch()
 {
 	ContextRef context;
@@ -465,9 +467,10 @@ int dm_unpatch()
 		node.release(); // deliberate: this file stays open
 		err = -KA_EEXIST;
 	}
-	const bool restored = restore_open();
+	restore_open();
 	node.close(); // a last time with the hook, which releases it properly
-	if (restored)
-		unhook_files();
+	dmp_handle_map_clear();
+	if (g_active_ioctl_count.get() > 0)
+		ka_schedule();
 	return err;
 }

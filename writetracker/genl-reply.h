@@ -8,6 +8,9 @@
 #include "control-device.h"
 #include "wt-logging.h"
 
+// A buffer's size is an unsigned int to the kernel.
+constexpr size_t GENL_MAX_PAYLOAD = 0x7fffff00;
+
 // The buffer is freed on every way out but a send.
 class GenlReply
 {
@@ -15,7 +18,7 @@ public:
 	// A buffer for one attribute of that payload, with the request's command, port and
 	// sequence number in its header.
 	GenlReply(const genl_info *info, size_t payload)
-	    : skb(payload <= MAX_PAYLOAD ? ka_alloc_skb(ka_genlmsg_size(payload)) : nullptr),
+	    : skb(payload <= GENL_MAX_PAYLOAD ? ka_alloc_skb(ka_genlmsg_size(payload)) : nullptr),
 	      portid(ka_genl_portid(info))
 	{
 		if (skb)
@@ -55,9 +58,6 @@ public:
 	}
 
 private:
-	// A buffer's size is an unsigned int to the kernel.
-	static constexpr size_t MAX_PAYLOAD = 0x7fffff00;
-
 	sk_buff *skb;
 	uint32_t portid;
 	void *header = nullptr;

@@ -23,7 +23,9 @@ struct jorlvolume_info_bucket {
 struct JorlVolumeBuckets {
 	using Key = const void *;
 	using Bucket = jorlvolume_info_bucket;
-	static constexpr bool keeps_length = true;
+	enum {
+		keeps_length = true
+	};
 
 	static bool occupied(const Bucket &bucket)
 	{
@@ -119,6 +121,12 @@ void assign_disk_name(char name[JORL_DISK_NAME_SIZE])
 		*letter++ = static_cast<char>('a' + number % 26);
 		number /= 26;
 	} while (number != 0);
+}
+
+bool jorlvolume_registry_has_room(wt_jorl_diskhandle_t handle)
+{
+	ReadLock lock(vol_info_rwsem);
+	return !vol_info_buckets.exists() || vol_info_buckets.lookup_free(handle);
 }
 
 int add_jorlvolume_info(jorlvolume_info *volume)

@@ -8,10 +8,13 @@
  * process that ends while the record is given up, which nobody can wait for, finds all it needs.
  *
  * A takeover's mappings change only under the lock of the address space, or in its end, when nobody
- * can enter it any more.
+ * can enter it any more. Taking pages out of them needs no lock of the process's: it is done as for
+ * a file that is cut short, in all that shows this part of the file behind the mapping.
  */
 #include "../mm.h"
 
+#include <linux/file.h>
+#include <linux/fs.h>
 #include <linux/mm.h>
 #include <linux/sched.h>
 #include <linux/slab.h>
@@ -42,7 +45,12 @@ struct takeover {
 	unsigned long flags;        /* its flags and operations before */
 	const struct vm_operations_struct *before;
 	struct vm_operations_struct operations;
-	atomic_t mappings; /* that have these operations */
+	struct file *file; /* behind it, and which part of that it is */
+	loff_t file_begin, file_length;
+	atomic_t changes; /* mappings that came or went */
+
+	unsigned long shown_from; /* where pages are shown; 0: nowhere */
+	int shown_changes;        /* the changes until then */
 
 	spinlock_t lock;            /* guards the next three */
 	struct ka_mapping *mapping; /* of the record; null when that has let go */
@@ -64,6 +72,8 @@ static void put_takeover(struct takeover *takeover)
 {
 	if (!atomic_dec_and_test(&takeover->references))
 		return;
+	if (takeover->file)
+		fput(takeover->file);
 	mmdrop(takeover->mm);
 	kfree(takeover);
 	rcu_read_lock_sched();
@@ -94,7 +104,7 @@ static struct takeover *takeover_of(const struct vm_area_struct *vma)
 static void count_in(struct takeover *takeover)
 {
 	atomic_inc(&takeover->references);
-	atomic_inc(&takeover->mappings);
+	atomic_inc(&takeover->changes);
 }
 
 /* Gives the mapping its operations back; it belongs to no takeover afterwards. */
@@ -103,7 +113,7 @@ static void count_out(struct takeover *takeover, struct vm_area_struct *vma)
 	vma->vm_ops = takeover->before;
 	if (takeover->vma == vma)
 		takeover->vma = NULL;
-	atomic_dec(&takeover->mappings);
+	atomic_inc(&takeover->changes);
 	put_takeover(takeover);
 }
 
@@ -134,11 +144,6 @@ static void close_taken(struct vm_area_struct *vma)
 /* --- Into the address space and out of it ------------------------------------------------------
  */
 
-static void zap(struct vm_area_struct *vma)
-{
-	kernel_zap_vma_ptes(vma, vma->vm_start, vma->vm_end - vma->vm_start);
-}
-
 /* The address space's lock is held for writing. */
 static struct vm_area_struct *next_mapping(struct takeover *takeover, struct vm_area_struct *vma)
 {
@@ -155,7 +160,7 @@ static void restore_mappings(struct takeover *takeover)
 
 	atomic_inc(&takeover->references);
 	while ((vma = next_mapping(takeover, vma))) {
-		zap(vma);
+		kernel_zap_vma_ptes(vma, vma->vm_start, vma->vm_end - vma->vm_start);
 		vma->vm_flags &= ~SHOWN_FLAGS | takeover->flags;
 		vma->vm_private_data = takeover->stays_private ? &takeovers : NULL;
 		count_out(takeover, vma);
@@ -200,13 +205,15 @@ static void stop_using(struct takeover *takeover)
 			return;
 }
 
-/* Locks the address space for writing; false when the process is gone. */
+/* Locks the address space for writing; false when the process is gone or keeps it locked. */
 static bool enter(struct takeover *takeover)
 {
 	if (!takeover || !kernel_mmget_not_zero(takeover->mm))
 		return false;
-	kernel_mmap_write_lock(takeover->mm);
-	return true;
+	if (kernel_mmap_write_lock_in_time(takeover->mm))
+		return true;
+	stop_using(takeover);
+	return false;
 }
 
 static void leave(struct takeover *takeover)
@@ -242,6 +249,10 @@ static void take_vma(struct takeover *takeover, struct vm_area_struct *vma)
 	takeover->vma = vma;
 	takeover->flags = vma->vm_flags;
 	takeover->before = vma->vm_ops;
+	takeover->file = vma->vm_file;
+	get_file(takeover->file);
+	takeover->file_begin = (loff_t)vma->vm_pgoff << PAGE_SHIFT;
+	takeover->file_length = vma->vm_end - vma->vm_start;
 	if (vma->vm_ops)
 		takeover->operations = *vma->vm_ops;
 	takeover->operations.open = open_taken;
@@ -348,9 +359,12 @@ static void read_bounds(struct ka_mapping *mapping, unsigned long *start, size_t
 
 unsigned long ka_mapping_start(struct ka_mapping *mapping)
 {
+	struct takeover *takeover = takeover_in(mapping);
 	unsigned long start;
 	size_t size;
 
+	if (takeover && takeover->shown_from)
+		return takeover->shown_from;
 	read_bounds(mapping, &start, &size);
 	return start;
 }
@@ -364,21 +378,34 @@ size_t ka_mapping_size(struct ka_mapping *mapping)
 	return size;
 }
 
+/* Whether nothing was moved, split or unmapped since the first page was shown. */
+static bool is_in_place(struct takeover *takeover)
+{
+	return !takeover->shown_from || takeover->shown_changes == atomic_read(&takeover->changes);
+}
+
 /*
  * The process may have put a page of its own there, and a page is mapped only where there is none.
  * A mapping of one page would be taken for one of raw pages from end to end, which the kernel keeps
  * its books of elsewhere.
  */
-static int show_page(struct vm_area_struct *vma, size_t offset, unsigned long pfn)
+static int show_page(struct takeover *takeover, size_t offset, unsigned long pfn)
 {
-	size_t size = vma ? vma->vm_end - vma->vm_start : 0;
+	struct vm_area_struct *vma = takeover->vma;
+	size_t size = vma && is_in_place(takeover) ? vma->vm_end - vma->vm_start : 0;
 	unsigned long address;
+	int err;
 
 	if (size <= PAGE_SIZE || offset > size - PAGE_SIZE)
 		return -EIO;
 	address = vma->vm_start + offset;
 	kernel_zap_vma_ptes(vma, address, PAGE_SIZE);
-	return remap_pfn_range(vma, address, pfn, PAGE_SIZE, vma->vm_page_prot);
+	err = remap_pfn_range(vma, address, pfn, PAGE_SIZE, vma->vm_page_prot);
+	if (!err && !takeover->shown_from) {
+		takeover->shown_from = vma->vm_start;
+		takeover->shown_changes = atomic_read(&takeover->changes);
+	}
+	return err;
 }
 
 int ka_mapping_show_page(struct ka_mapping *mapping, size_t offset, unsigned long pfn)
@@ -388,26 +415,27 @@ int ka_mapping_show_page(struct ka_mapping *mapping, size_t offset, unsigned lon
 
 	if (!enter(takeover))
 		return -EIO;
-	err = show_page(takeover->vma, offset, pfn);
+	err = show_page(takeover, offset, pfn);
 	leave(takeover);
 	return err;
 }
 
-/* The end of a process takes out the pages itself. Those of a copy stay when the mapping goes. */
+/* Whether the process, which may be gone without a word, could see all that was shown to it. */
+static bool was_seen(struct takeover *takeover)
+{
+	return atomic_read(&takeover->mm->mm_users) && takeover->vma && is_in_place(takeover);
+}
+
 int ka_mapping_zap(struct ka_mapping *mapping)
 {
 	struct takeover *takeover = takeover_in(mapping);
-	struct vm_area_struct *vma = NULL;
 	int err;
 
-	if (!enter(takeover))
+	if (!takeover)
 		return -EIO;
-	err = takeover->vma ? 0 : -EIO;
-	if (takeover->vma && atomic_read(&takeover->mappings) == 1)
-		zap(takeover->vma);
-	else
-		while ((vma = next_mapping(takeover, vma)))
-			zap(vma);
-	leave(takeover);
+	unmap_mapping_range(takeover->file->f_mapping, takeover->file_begin, takeover->file_length,
+			    1);
+	err = was_seen(takeover) ? 0 : -EIO;
+	takeover->shown_from = 0;
 	return err;
 }

@@ -8,6 +8,8 @@ cases() {
 	echo increments_are_complete "${rounds:-5}"
 	echo two_snapshots_without_clear
 	echo switches_once_per_snapshot
+	echo deactivated_and_activated
+	echo warns_of_the_interface_version
 	echo other_snapshots_never_switch
 	echo a_resize_ends_tracking
 	echo devices_called_real
@@ -76,9 +78,36 @@ switches_once_per_snapshot() {
 	[ "$(switches)" = 1 ]
 	take_snapshot
 	[ "$(switches)" = 2 ]
-	# The snapshot comes back after it was inactive: its table is loaded again.
 	drop_snapshot
-	zorvatctl level $volume | grep -qx "level 1"
+	is_tracked $volume
+}
+
+# A volume that comes back is another device to the driver, and not tracked.
+deactivated_and_activated() {
+	use_volume_group
+	volume=/dev/vg/data
+	lvm lvcreate -q -y -n data -L 16m vg
+	start_tracking $volume
+	lvm vgchange -q -an vg
+	lvm vgchange -q -ay vg
+	eventually 10 is_known_as_it_is $volume
+	fails is_tracked $volume
+	start_tracking $volume
+	take_snapshot
+	[ "$(switches)" = 1 ]
+	# Now the hidden device is resumed before the driver knows the volume over it.
+	lvm vgchange -q -an vg
+	fails lvm vgchange -q -ay vg
+	logged "Unable to fetch the volume info for Unknown block write to device"
+	lvm vgchange -q -an vg || true # it leaves the hidden device behind
+	dmsetup remove_all --force
+}
+
+# Interface versions after those of the target kernel are told of, and work.
+warns_of_the_interface_version() {
+	dmsetup version | grep -E "Driver version: +4[.]([3-9].|[1-9]..)[.]" ||
+		skip "an interface of 4.29 or before"
+	logged "uses un-supported DM-Interface version:4."
 }
 
 other_snapshots_never_switch() {

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <netinet/in.h>
@@ -35,6 +36,7 @@ public:
 		wtflr_allocdisk_req request{};
 		uint32_t port = 0;
 		uint32_t messages = 0;
+		size_t place = 0; // in the driver's table
 	};
 
 	/* What came of a read: the reply's error number, 0 or below, and what the pages hold. */
@@ -71,7 +73,9 @@ public:
 		if (command == WTFLR_LIST_DISKS_IOCTL_INDEX)
 			return list(record);
 		auto disk = disks.find(handle.value());
-		return disk == disks.end() ? -EINVAL : execute_on(command, *disk, record);
+		if (disk == disks.end() || first_hole() < disk->second.place)
+			return -EINVAL;
+		return execute_on(command, *disk, record);
 	}
 
 	/* The handle of the only disk. */
@@ -167,6 +171,16 @@ private:
 		return sys / "zorvat" / "restore-volumes" / disk.name;
 	}
 
+	/* The driver's search for a disk ends here, and the next new disk is put here. */
+	size_t first_hole() const
+	{
+		std::vector<bool> taken(disks.size() + 1);
+		for (const auto &[handle, disk] : disks)
+			if (disk.place < taken.size())
+				taken[disk.place] = true;
+		return std::ranges::find(taken, false) - taken.begin();
+	}
+
 	void show(size_t length, int protection)
 	{
 		mprotect(area(disks.begin()->second), (length + 4095) / 4096 * 4096, protection);
@@ -180,13 +194,28 @@ private:
 			return -EINVAL;
 		const std::string letter(1, static_cast<char>('a' + named_++));
 		disk.name = "zorvat-" + letter;
+		disk.place = first_hole();
 		mprotect(disk.request.wtfad_servicearea, 4 << 20, PROT_NONE);
-		std::filesystem::create_directories(directory(disk));
 		const uint64_t handle = next_handle;
 		std::memcpy(record.subspan(sizeof(disk.request)).data(), &handle, sizeof(handle));
 		disks[zorvat::DiskHandle{handle}] = disk;
+		show_in_sysfs(handle, disk);
 		next_handle += 0x1000;
 		return 0;
+	}
+
+	void show_in_sysfs(uint64_t handle, const Disk &disk) const
+	{
+		std::filesystem::create_directories(directory(disk));
+		const auto put = [&](const char *file, uint64_t value) {
+			std::ofstream(directory(disk) / file) << value;
+		};
+		put("block-size", disk.request.wtfad_blocksize);
+		put("sectors", disk.request.wtfad_numblocks);
+		put("serivce-pid", disk.request.wtfad_pid);
+		put("datalink-portid", disk.port);
+		put("major-id", 250);
+		std::ofstream(directory(disk) / "volume-handle") << std::hex << handle;
 	}
 
 	int list(std::span<std::byte> record) const
@@ -210,7 +239,7 @@ private:
 		case WTFLR_DESTROY_DISK_IOCTL_INDEX:
 			if (disk.port)
 				suspend(disk);
-			std::filesystem::remove(directory(disk));
+			std::filesystem::remove_all(directory(disk));
 			disks.erase(entry.first);
 			return 0;
 		case WTFLR_GET_DISKATTRS_IOCTL_INDEX:

@@ -35,7 +35,7 @@ protected:
 	}
 
 	FakeKernel kernel_;
-	RestoreDisks disks_{std::make_shared<FakeRestoreDriver>(kernel_)};
+	RestoreDisks disks_{std::make_shared<FakeRestoreDriver>(kernel_), {.sys = kernel_.sys}};
 };
 
 TEST_F(Restore, DisksAreListedWithTheirAttributes)
@@ -60,6 +60,15 @@ TEST_F(Restore, DisksAreListedWithTheirAttributes)
 TEST_F(Restore, RefusalsAreExplained)
 {
 	const DiskHandle disk = allocate();
+	/* For a moment, after the last disk went, there is nobody who knows of disks. */
+	kernel_.errors[WTFLR_GET_DISKATTRS_IOCTL_INDEX] = EAGAIN;
+	kernel_.before_command = [&, left = 2](uint32_t command) mutable {
+		if (command == WTFLR_GET_DISKATTRS_IOCTL_INDEX && --left == 0)
+			kernel_.errors.clear();
+	};
+	EXPECT_EQ(disks_.attributes(disk).name, "zorvat-a");
+	kernel_.before_command = {};
+
 	expect_error(Errc::disk_suspended, "zorvat-a", [&] { disks_.suspend(disk); });
 	kernel_.disks[disk].port = 9;
 	expect_error(Errc::disk_running, "zorvat-a", [&] { disks_.resume(disk, 9); });
@@ -83,6 +92,27 @@ TEST_F(Restore, RefusalsAreExplained)
 	expect_error(Errc::not_permitted, "root", [&] { allocate(); });
 	kernel_.errors[WTFLR_LIST_DISKS_IOCTL_INDEX] = EOPNOTSUPP;
 	expect_error(Errc::unsupported, "same version", [&] { disks_.list(); });
+}
+
+TEST_F(Restore, DisksBeyondAHoleInTheDriversTableAreReached)
+{
+	const DiskHandle disks[] = {allocate(), allocate(), allocate(), allocate()};
+	disks_.destroy(disks[0]);
+	disks_.destroy(disks[2]);
+	EXPECT_EQ(disks_.list().size(), 2u);
+	const auto hidden = disks_.find("zorvat-d");
+	EXPECT_EQ(hidden.handle, disks[3]);
+	EXPECT_EQ(hidden.block_size, 1024u);
+	EXPECT_EQ(hidden.blocks, 77u);
+	EXPECT_EQ(hidden.server, getpid());
+	EXPECT_EQ(hidden.device, (zorvat::DeviceNumber{250, 0}));
+	EXPECT_TRUE(hidden.suspended());
+	expect_error(Errc::disk_suspended, "zorvat-b", [&] { disks_.suspend(disks[1]); });
+	expect_error(Errc::unknown_disk, "no such disk", [&] { disks_.destroy(disks[2]); });
+	EXPECT_EQ(kernel_.disks.size(), 2u);
+	disks_.destroy(disks[1]);
+	disks_.destroy(disks[3]);
+	EXPECT_TRUE(kernel_.disks.empty());
 }
 
 TEST_F(Restore, ListThatLacksHandlesIsNone)

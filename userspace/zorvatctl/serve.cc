@@ -36,16 +36,15 @@ public:
 
 	void report()
 	{
-		constexpr double mib = 1 << 20;
 		const auto now = server_.statistics();
 		const auto time = Clock::now();
 		const double seconds = std::chrono::duration<double>(time - last_time_).count();
 		fmt::print(stderr,
 			   "{}: {:.1f} MiB/s, {:.0f} requests/s; in all {:.1f} MiB in {} requests, "
 			   "{} failed{}\n",
-			   server_.disk().name, (now.bytes - last_.bytes) / mib / seconds,
-			   (now.requests - last_.requests) / seconds, now.bytes / mib, now.requests,
-			   now.errors,
+			   server_.disk().name, mib(now.bytes - last_.bytes) / seconds,
+			   static_cast<double>(now.requests - last_.requests) / seconds,
+			   mib(now.bytes), now.requests, now.errors,
 			   now.errors ? ", the last one: " + zorvat::error_text(now.last_error)
 				      : "");
 		last_ = now;
@@ -53,6 +52,11 @@ public:
 	}
 
 private:
+	static double mib(uint64_t bytes)
+	{
+		return static_cast<double>(bytes) / (1 << 20);
+	}
+
 	const DiskServer &server_;
 	zorvat::DiskServerStatistics last_;
 	Clock::time_point last_time_;
@@ -81,7 +85,7 @@ public:
 	/* The signal comes last, and stops what has stopped. */
 	~SignalThread()
 	{
-		pthread_kill(thread_.native_handle(), SIGTERM);
+		pthread_kill(thread_.native_handle(), SIGHUP);
 		thread_.join();
 	}
 	SignalThread(const SignalThread &) = delete;

@@ -35,7 +35,7 @@ static inline void kernel_vprintk(int level, const char *format, va_list args)
 
 static inline void *kernel_vmalloc_quiet(size_t size)
 {
-	return __vmalloc(size, GFP_KERNEL | __GFP_HIGHMEM | __GFP_NOWARN, PAGE_KERNEL);
+	return __vmalloc(size, GFP_NOIO | __GFP_HIGHMEM | __GFP_NOWARN, PAGE_KERNEL);
 }
 
 static inline bool kernel_access_ok(const void *user, unsigned long size)
@@ -126,6 +126,22 @@ static inline bool kernel_mmget_not_zero(struct mm_struct *mm)
 static inline void kernel_mmap_write_lock(struct mm_struct *mm)
 {
 	down_write(&mm->mmap_sem);
+}
+
+/*
+ * A fault may hold it and wait for this thread's work, for a free request say, and not even a
+ * signal ends that. Long before that many ticks have passed, everybody else had the lock.
+ */
+static inline bool kernel_mmap_write_lock_in_time(struct mm_struct *mm)
+{
+	int ticks;
+
+	for (ticks = 0; ticks < 10 * HZ; ticks++) {
+		if (down_write_trylock(&mm->mmap_sem))
+			return true;
+		schedule_timeout_uninterruptible(1);
+	}
+	return false;
 }
 
 static inline bool kernel_mmap_write_trylock(struct mm_struct *mm)

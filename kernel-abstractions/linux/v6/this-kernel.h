@@ -28,7 +28,11 @@ static inline void kernel_vprintk(int level, const char *format, va_list args)
 
 static inline void *kernel_vmalloc_quiet(size_t size)
 {
-	return __vmalloc(size, GFP_KERNEL | __GFP_NOWARN);
+	unsigned int flags = memalloc_noio_save();
+	void *memory = __vmalloc(size, GFP_KERNEL | __GFP_NOWARN);
+
+	memalloc_noio_restore(flags);
+	return memory;
 }
 
 static inline bool kernel_access_ok(const void *user, unsigned long size)
@@ -155,6 +159,13 @@ static inline bool kernel_mmget_not_zero(struct mm_struct *mm)
 static inline void kernel_mmap_write_lock(struct mm_struct *mm)
 {
 	mmap_write_lock(mm);
+}
+
+/* A fault that holds it and waits for this thread's work ends when the process is killed. */
+static inline bool kernel_mmap_write_lock_in_time(struct mm_struct *mm)
+{
+	mmap_write_lock(mm);
+	return true;
 }
 
 static inline bool kernel_mmap_write_trylock(struct mm_struct *mm)

@@ -75,7 +75,8 @@ private:
 int read_all(int fd, uint64_t offset, std::span<std::byte> memory) noexcept
 {
 	while (!memory.empty()) {
-		const ssize_t count = pread(fd, memory.data(), memory.size(), offset);
+		const ssize_t count =
+			pread(fd, memory.data(), memory.size(), static_cast<off_t>(offset));
 		if (count < 0 && errno == EINTR)
 			continue;
 		if (count < 0)

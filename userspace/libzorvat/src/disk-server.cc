@@ -70,6 +70,12 @@ public:
 		return attributes_;
 	}
 
+	/* Somebody else has destroyed it. */
+	void release()
+	{
+		destroyed_ = true;
+	}
+
 	void destroy()
 	{
 		if (std::exchange(destroyed_, true))
@@ -122,7 +128,7 @@ public:
 	Implementation(std::shared_ptr<const Transport> transport,
 		       std::unique_ptr<BlockSource> source, const DiskServerOptions &options)
 	    : block_size_(checked_block_size(options.block_size)), source_(std::move(source)),
-	      disks_(std::move(transport)), area_(options.area_bytes),
+	      disks_(std::move(transport), options.paths), area_(options.area_bytes),
 	      disk_(disks_, commands_,
 		    {.block_size = block_size_,
 		     .blocks = blocks_of(*source_, block_size_),
@@ -182,7 +188,10 @@ public:
 		request_stop();
 		std::exception_ptr failure;
 		try {
-			disk_.destroy();
+			/* Once it is gone, there is nobody to ask: so may be what knew of it. */
+			if (!is_gone())
+				disk_.destroy();
+			disk_.release();
 		} catch (...) {
 			failure = std::current_exception();
 		}
@@ -215,6 +224,11 @@ private:
 		std::error_code ignored;
 		return std::filesystem::exists(directory_, ignored);
 	}
+	/* False, too, where sysfs does not show disks. */
+	bool is_gone() const
+	{
+		return has_directory_ && !is_there();
+	}
 
 	void end_waiting() noexcept
 	{
@@ -243,7 +257,7 @@ private:
 				accept();
 			if (ready[2].revents)
 				teller_.answer();
-			if (!link_ && has_directory_ && !is_there())
+			if (!link_ && is_gone())
 				end_waiting();
 		}
 	}

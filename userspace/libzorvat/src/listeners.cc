@@ -61,6 +61,14 @@ FileDescriptor listen_at(int family, const sockaddr *address, socklen_t length,
 	return socket;
 }
 
+Error no_server(const DiskAttributes &disk)
+{
+	return Error(Errc::refused,
+		     fmt::format("{} has no server: process {} does not serve it", disk.name,
+				 disk.server),
+		     "destroy the disk if its server is gone, else name the port");
+}
+
 /* The user in whose name the other end of a connection on this machine was made. */
 std::optional<uid_t> owner_of_peer(const sockaddr_in &peer, uint16_t our_port)
 {
@@ -124,10 +132,6 @@ void PortTeller::answer() const
 
 uint16_t ask_server_port(const DiskAttributes &disk)
 {
-	const Error no_server(Errc::refused,
-			      fmt::format("{} has no server: process {} does not serve it",
-					  disk.name, disk.server),
-			      "destroy the disk if its server is gone, else name the port");
 	const UnixAddress address(teller_name(disk.name, disk.server));
 	const timeval patience{.tv_sec = 5, .tv_usec = 0};
 	FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -135,7 +139,7 @@ uint16_t ask_server_port(const DiskAttributes &disk)
 		throw failure("ask for the port of a disk's server");
 	setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
 	if (connect(socket.get(), address.get(), address.length) != 0)
-		throw no_server;
+		throw no_server(disk);
 
 	/* Anybody can take the name, but not the process number. */
 	ucred peer{};
@@ -146,7 +150,7 @@ uint16_t ask_server_port(const DiskAttributes &disk)
 	    peer.pid != disk.server ||
 	    recv(socket.get(), text, sizeof(text) - 1, MSG_WAITALL) <= 0 ||
 	    std::sscanf(text, "%5u\n", &port) != 1 || port == 0 || port > UINT16_MAX)
-		throw no_server;
+		throw no_server(disk);
 	return port;
 }
 

@@ -31,7 +31,7 @@ constexpr size_t bounce_bytes = size_t{4} << 20;
 /* What a server takes in one request unless it says otherwise. */
 constexpr uint64_t usual_max_request = uint64_t{32} << 20;
 /* The most that NBD lets a server demand. */
-constexpr uint64_t max_alignment = 64 * 1024;
+constexpr uint64_t max_alignment = uint64_t{64} << 10;
 
 /* Why libnbd's last call in this thread failed. */
 std::string reason()

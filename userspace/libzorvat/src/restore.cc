@@ -5,20 +5,27 @@
 #include <array>
 #include <bit>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
+#include <fstream>
+#include <iomanip>
+#include <thread>
 #include <unistd.h>
 #include <zorvat/restore.h>
 
 #include "failures.h"
+#include "service-area.h"
 #include "wt.h"
 
 namespace zorvat
 {
 
-struct RestoreDisks::Request {
-	Command command;
+namespace fs = std::filesystem;
+
+struct DiskCommand {
+	Command request;
 	const char *purpose; // for messages: "cannot <purpose> zorvat-a"
 	/* The state of a disk in which the driver refuses the command. */
 	enum {
@@ -33,8 +40,48 @@ struct RestoreDisks::Request {
 	}
 };
 
+/*
+ * Disks that hold places in the driver's table of disks.
+ *
+ * A disk that is destroyed leaves a hole in that table, and the driver's search for a disk ends at
+ * the first hole: disks beyond it are listed and served, but no command reaches them. A new disk
+ * takes the first hole that it meets; if it is that one, what was beyond is there again.
+ */
+class RestoreDisks::Placeholders
+{
+public:
+	explicit Placeholders(const RestoreDisks &disks) : disks_(disks)
+	{
+	}
+	~Placeholders();
+	Placeholders(const Placeholders &) = delete;
+	Placeholders &operator=(const Placeholders &) = delete;
+
+	void add()
+	{
+		auto area = std::make_unique<ServiceArea>(min_service_area);
+		const DiskHandle disk = disks_.allocate(
+			{.block_size = 512, .blocks = 1, .service_area = area->memory()});
+		held_.emplace_back(disk, std::move(area));
+	}
+
+private:
+	const RestoreDisks &disks_;
+	std::vector<std::pair<DiskHandle, std::unique_ptr<ServiceArea>>> held_;
+};
+
 namespace
 {
+
+/*
+ * How many disks to create in search of one that is beyond a hole. A few, since they may be put
+ * elsewhere in the table, which has its limits.
+ */
+constexpr int max_placeholders = 4;
+
+/* How long the driver may take to go away and come back between the last disk and the next. */
+constexpr int not_ready_tries = 100;
+constexpr auto not_ready_pause = std::chrono::milliseconds(20);
 
 struct Allocation {
 	wtflr_allocdisk_req request;
@@ -48,6 +95,28 @@ struct DiskList {
 	size_t count;
 	std::array<DiskHandle, max_listed> disks;
 };
+
+constexpr DiskCommand get_attributes{
+	{WTFLR_GET_DISKATTRS_IOCTL_INDEX, 0, 0, WT_GENATTR_FLR_DISK_ATTRS, 0},
+	"read the attributes of"};
+
+constexpr DiskCommand destroy_disk{{WTFLR_DESTROY_DISK_IOCTL_INDEX, 0, 0, 0, 0}, "destroy"};
+
+constexpr DiskCommand allocate_disk{{WTFLR_ALLOC_DISK_IOCTL_INDEX, WT_GENATTR_FLR_ALLOCDISK_REQ,
+				     sizeof(wtflr_allocdisk_req), WT_GENATTR_JORL_DISKHANDLE,
+				     offsetof(Allocation, disk)},
+				    "create"};
+
+constexpr DiskCommand resume_disk{
+	{WTFLR_RESUME_DISK_IOCTL_INDEX, WT_GENATTR_FLR_PORT_ID, sizeof(wtflr_portid_t), 0, 0},
+	"resume",
+	DiskCommand::running};
+
+constexpr DiskCommand suspend_disk{
+	{WTFLR_SUSPEND_DISK_IOCTL_INDEX, 0, 0, 0, 0}, "suspend", DiskCommand::suspended};
+
+constexpr DiskCommand list_disks{
+	{WTFLR_LIST_DISKS_IOCTL_INDEX, 0, 0, WT_GENATTR_JORLDISK_HANDLES, 0, true}, "list"};
 
 template <typename Record> std::span<std::byte> bytes_of(Record &record)
 {
@@ -78,24 +147,51 @@ std::string kernel_name_of(const std::string &name)
 	if (name.find('/') == name.npos)
 		return name;
 	std::error_code ignored;
-	auto target = std::filesystem::canonical(name, ignored);
-	return (target.empty() ? std::filesystem::path(name) : target).filename();
+	auto target = fs::canonical(name, ignored);
+	return (target.empty() ? fs::path(name) : target).filename();
+}
+
+/* The driver's files hold one value each; nothing if there is no such file or value. */
+template <typename Value> Value read_value(const fs::path &file, int base = 10)
+{
+	std::ifstream stream(file);
+	Value value{};
+	stream >> std::setbase(base) >> value;
+	return value;
+}
+
+DiskAttributes from_sysfs(DiskHandle disk, const fs::path &directory)
+{
+	return {.handle = disk,
+		.name = directory.filename(),
+		.block_size = read_value<uint64_t>(directory / "block-size"),
+		.blocks = read_value<uint64_t>(directory / "sectors"),
+		.server = read_value<pid_t>(directory / "serivce-pid"), // the driver's spelling
+		.port = read_value<uint32_t>(directory / "datalink-portid"),
+		.device = {read_value<uint32_t>(directory / "major-id"), 0},
+		.writable = false};
 }
 
 } // namespace
 
-RestoreDisks::RestoreDisks(std::shared_ptr<const Transport> transport)
-    : transport_(std::move(transport))
+RestoreDisks::Placeholders::~Placeholders()
+{
+	/* The latest first: none is beyond the hole of another then. */
+	for (; !held_.empty(); held_.pop_back()) {
+		try {
+			disks_.execute(destroy_disk, held_.back().first, {});
+		} catch (...) { // NOLINT(bugprone-empty-catch): it stays, and is listed
+		}
+	}
+}
+
+RestoreDisks::RestoreDisks(std::shared_ptr<const Transport> transport, SystemPaths paths)
+    : transport_(std::move(transport)), paths_(std::move(paths))
 {
 }
 
 DiskHandle RestoreDisks::allocate(const DiskRequest &request) const
 {
-	static constexpr Request allocate_disk{
-		{WTFLR_ALLOC_DISK_IOCTL_INDEX, WT_GENATTR_FLR_ALLOCDISK_REQ,
-		 sizeof(wtflr_allocdisk_req), WT_GENATTR_JORL_DISKHANDLE,
-		 offsetof(Allocation, disk)},
-		"create"};
 	Allocation record{.request = {.wtfad_blocksize = request.block_size,
 				      .wtfad_numblocks = request.blocks,
 				      .wtfad_isrw = 0,
@@ -112,42 +208,50 @@ DiskHandle RestoreDisks::allocate(const DiskRequest &request) const
 
 void RestoreDisks::resume(DiskHandle disk, uint16_t port) const
 {
-	static constexpr Request resume_disk{{WTFLR_RESUME_DISK_IOCTL_INDEX, WT_GENATTR_FLR_PORT_ID,
-					      sizeof(wtflr_portid_t), 0, 0},
-					     "resume",
-					     Request::running};
 	wtflr_portid_t record = port;
 	run(resume_disk, disk, bytes_of(record));
 }
 
 void RestoreDisks::suspend(DiskHandle disk) const
 {
-	static constexpr Request suspend_disk{
-		{WTFLR_SUSPEND_DISK_IOCTL_INDEX, 0, 0, 0, 0}, "suspend", Request::suspended};
 	run(suspend_disk, disk, {});
 }
 
 void RestoreDisks::destroy(DiskHandle disk) const
 {
-	static constexpr Request destroy_disk{{WTFLR_DESTROY_DISK_IOCTL_INDEX, 0, 0, 0, 0},
-					      "destroy"};
 	run(destroy_disk, disk, {});
 }
 
 DiskAttributes RestoreDisks::attributes(DiskHandle disk) const
 {
-	static constexpr Request get_attributes{
-		{WTFLR_GET_DISKATTRS_IOCTL_INDEX, 0, 0, WT_GENATTR_FLR_DISK_ATTRS, 0},
-		"read the attributes of"};
+	if (auto attributes = attributes_if_any(disk))
+		return *attributes;
+	throw Error(Errc::unknown_disk,
+		    get_attributes.attempt(label(disk)) + ": there is no such disk",
+		    "'zorvatctl disks' lists them");
+}
+
+std::optional<DiskAttributes> RestoreDisks::attributes_if_any(DiskHandle disk) const
+{
 	wtflr_disk_attrs record{};
-	run(get_attributes, disk, bytes_of(record));
-	return from_record(record);
+	const int number = execute(get_attributes, disk, bytes_of(record));
+	if (number == 0)
+		return from_record(record);
+	if (number != EINVAL)
+		throw no_such_command(get_attributes.attempt(label(disk)), number);
+
+	std::error_code ignored;
+	for (const auto &entry :
+	     fs::directory_iterator(paths_.sys / "zorvat" / "restore-volumes", ignored)) {
+		const fs::path handle = entry.path() / "volume-handle";
+		if (read_value<uint64_t>(handle, 16) == static_cast<uint64_t>(disk))
+			return from_sysfs(disk, entry.path());
+	}
+	return std::nullopt;
 }
 
 std::vector<DiskHandle> RestoreDisks::handles() const
 {
-	static constexpr Request list_disks{
-		{WTFLR_LIST_DISKS_IOCTL_INDEX, 0, 0, WT_GENATTR_JORLDISK_HANDLES, 0, true}, "list"};
 	auto record = std::make_unique<DiskList>();
 	const int number = execute(list_disks, {}, bytes_of(*record));
 	if (number)
@@ -166,13 +270,9 @@ std::vector<DiskAttributes> RestoreDisks::list() const
 {
 	std::vector<DiskAttributes> disks;
 	for (DiskHandle disk : handles()) {
-		try {
-			disks.push_back(attributes(disk));
-		} catch (const Error &error) {
-			/* Destroyed since it was listed. */
-			if (error.code() != Errc::unknown_disk)
-				throw;
-		}
+		/* None, if it was destroyed since. */
+		if (auto attributes = attributes_if_any(disk))
+			disks.push_back(*attributes);
 	}
 	return disks;
 }
@@ -188,48 +288,79 @@ DiskAttributes RestoreDisks::find(const std::string &name) const
 }
 
 /* Returns 0, or the positive number of a refusal, which the caller can explain. */
-int RestoreDisks::execute(const Request &request, const Target &target,
+int RestoreDisks::execute(const DiskCommand &command, const Target &target,
 			  std::span<std::byte> record) const
 {
-	const int result = transport_->execute(request.command, target, record);
+	int result = transport_->execute(command.request, target, record);
+	for (int tries = 0; result == -EAGAIN && tries < not_ready_tries; tries++) {
+		std::this_thread::sleep_for(not_ready_pause);
+		result = transport_->execute(command.request, target, record);
+	}
 	if (result >= 0)
 		return 0;
 	if (is_refusal(-result))
 		return -result;
 	auto *disk = std::get_if<DiskHandle>(&target);
-	throw command_failure(request.attempt(disk ? label(*disk) : "restore disks"), -result);
+	throw command_failure(command.attempt(disk ? label(*disk) : "restore disks"), -result);
 }
 
-void RestoreDisks::run(const Request &request, DiskHandle disk, std::span<std::byte> record) const
+bool RestoreDisks::is_known(DiskHandle disk) const
 {
-	if (const int number = execute(request, disk, record))
-		throw refusal(request, disk, number);
+	wtflr_disk_attrs record{};
+	return execute(get_attributes, disk, bytes_of(record)) != EINVAL;
+}
+
+bool RestoreDisks::is_listed(DiskHandle disk) const
+{
+	const auto listed = handles();
+	return std::ranges::find(listed, disk) != listed.end();
+}
+
+int RestoreDisks::execute_on(const DiskCommand &command, DiskHandle disk,
+			     std::span<std::byte> record) const
+{
+	const int number = execute(command, disk, record);
+	if (number != EINVAL || is_known(disk) || !is_listed(disk))
+		return number;
+	Placeholders placeholders(*this);
+	for (int i = 0; i < max_placeholders; i++) {
+		placeholders.add();
+		if (is_known(disk))
+			return execute(command, disk, record);
+	}
+	return number;
+}
+
+void RestoreDisks::run(const DiskCommand &command, DiskHandle disk,
+		       std::span<std::byte> record) const
+{
+	if (const int number = execute_on(command, disk, record))
+		throw refusal(command, disk, number);
 }
 
 /* One number stands for many reasons: finds out which one from the disk's state. */
-Error RestoreDisks::refusal(const Request &request, DiskHandle disk, int number) const
+Error RestoreDisks::refusal(const DiskCommand &command, DiskHandle disk, int number) const
 {
-	const std::string attempt = request.attempt(label(disk));
+	const std::string attempt = command.attempt(label(disk));
 	if (number != EINVAL)
 		return no_such_command(attempt, number);
-	const auto known = handles();
-	if (std::ranges::find(known, disk) == known.end())
+	if (!is_listed(disk))
 		return Error(Errc::unknown_disk, attempt + ": there is no such disk",
 			     "'zorvatctl disks' lists them", number);
-	if (request.refused_when == Request::never)
+	if (command.refused_when == DiskCommand::never)
 		return Error(Errc::refused, attempt + ": the driver refused",
 			     "the kernel log tells why", number);
 
 	const DiskAttributes state = attributes(disk);
-	if (request.refused_when == Request::suspended && state.suspended())
+	if (command.refused_when == DiskCommand::suspended && state.suspended())
 		return Error(Errc::disk_suspended,
-			     request.attempt(state.name) + ": it is suspended already", {}, number);
-	if (request.refused_when == Request::running && !state.suspended())
+			     command.attempt(state.name) + ": it is suspended already", {}, number);
+	if (command.refused_when == DiskCommand::running && !state.suspended())
 		return Error(Errc::disk_running,
 			     fmt::format("{}: it runs already, or an earlier attempt failed",
-					 request.attempt(state.name)),
+					 command.attempt(state.name)),
 			     "suspend it if it runs, else destroy it", number);
-	return Error(Errc::refused, request.attempt(state.name) + ": the driver refused",
+	return Error(Errc::refused, command.attempt(state.name) + ": the driver refused",
 		     "the kernel log tells why", number);
 }
 

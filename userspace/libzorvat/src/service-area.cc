@@ -13,11 +13,11 @@ namespace zorvat
 namespace
 {
 
-Error failure()
+Error failure(int number)
 {
 	return Error(Errc::system,
-		     fmt::format("cannot map memory for a restore disk: {}", error_text(errno)), {},
-		     errno);
+		     fmt::format("cannot map memory for a restore disk: {}", error_text(number)),
+		     {}, number);
 }
 
 } // namespace
@@ -27,13 +27,13 @@ ServiceArea::ServiceArea(size_t bytes)
 	void *address = mmap(nullptr, bytes, PROT_READ | PROT_WRITE,
 			     MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
 	if (address == MAP_FAILED)
-		throw failure();
+		throw failure(errno);
 	memory_ = {static_cast<std::byte *>(address), bytes};
 	if (madvise(address, bytes, MADV_DONTFORK) != 0 ||
 	    madvise(address, bytes, MADV_DONTDUMP) != 0) {
-		Error error = failure();
+		const int number = errno;
 		munmap(address, bytes);
-		throw error;
+		throw failure(number);
 	}
 }
 

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <sys/types.h>
@@ -45,6 +46,8 @@ struct DiskRequest {
 	std::span<std::byte> service_area;
 };
 
+struct DiskCommand; // a command with what is needed to explain its failure
+
 /*
  * Every function throws Error when it cannot do what it says; Error(unknown_disk) when there is no
  * such disk any more. Any number of threads may call.
@@ -52,7 +55,7 @@ struct DiskRequest {
 class RestoreDisks
 {
 public:
-	explicit RestoreDisks(std::shared_ptr<const Transport> transport);
+	explicit RestoreDisks(std::shared_ptr<const Transport> transport, SystemPaths paths = {});
 
 	/* A new disk, suspended, served by the calling process. */
 	DiskHandle allocate(const DiskRequest &request) const;
@@ -72,6 +75,10 @@ public:
 	void suspend(DiskHandle disk) const;
 	void destroy(DiskHandle disk) const;
 
+	/*
+	 * Also of disks that the driver lists and shows in sysfs, but whose handle it does not find
+	 * any more.
+	 */
 	DiskAttributes attributes(DiskHandle disk) const;
 	/* The driver's restore disks; in no order. */
 	std::vector<DiskAttributes> list() const;
@@ -82,15 +89,21 @@ public:
 	DiskAttributes find(const std::string &name) const;
 
 private:
-	struct Request;
+	class Placeholders;
 
-	int execute(const Request &request, const Target &target,
+	int execute(const DiskCommand &command, const Target &target,
 		    std::span<std::byte> record) const;
-	void run(const Request &request, DiskHandle disk, std::span<std::byte> record) const;
+	int execute_on(const DiskCommand &command, DiskHandle disk,
+		       std::span<std::byte> record) const;
+	std::optional<DiskAttributes> attributes_if_any(DiskHandle disk) const;
+	void run(const DiskCommand &command, DiskHandle disk, std::span<std::byte> record) const;
+	bool is_known(DiskHandle disk) const;
+	bool is_listed(DiskHandle disk) const;
 	std::vector<DiskHandle> handles() const;
-	Error refusal(const Request &request, DiskHandle disk, int number) const;
+	Error refusal(const DiskCommand &command, DiskHandle disk, int number) const;
 
 	std::shared_ptr<const Transport> transport_;
+	SystemPaths paths_;
 };
 
 } // namespace zorvat
