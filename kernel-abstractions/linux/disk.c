@@ -38,8 +38,7 @@ int ka_blk_queue_block_size(struct request_queue *queue, unsigned short logical,
 	return 0;
 }
 
-/* --- Operations --------------------------------------------------------------------------------
- */
+/* --- Operations ------------------------------------------------------------------------------ */
 
 static int open(struct block_device *bdev, fmode_t mode)
 {
@@ -86,8 +85,7 @@ static const struct block_device_operations disk_fops = {
 	.getgeo = getgeo,
 };
 
-/* --- Disks -------------------------------------------------------------------------------------
- */
+/* --- Disks ----------------------------------------------------------------------------------- */
 
 void ka_disk_describe(struct gendisk *disk, struct ka_disk_owner *owner,
 		      const struct ka_disk_description *description)
@@ -113,8 +111,7 @@ int ka_disk_is_read_only(const struct gendisk *disk)
 	return get_disk_ro((struct gendisk *)disk);
 }
 
-/* --- Requests ----------------------------------------------------------------------------------
- */
+/* --- Requests -------------------------------------------------------------------------------- */
 
 struct bio *ka_request_first_bio(struct request *request)
 {

@@ -88,8 +88,7 @@ void ka_wait_for_takeovers(void)
 	kernel_synchronize_sched();
 }
 
-/* --- The operations of a taken mapping ---------------------------------------------------------
- */
+/* --- The operations of a taken mapping ------------------------------------------------------- */
 
 static void close_taken(struct vm_area_struct *vma);
 
@@ -141,8 +140,7 @@ static void close_taken(struct vm_area_struct *vma)
 		vma->vm_ops->close(vma);
 }
 
-/* --- Into the address space and out of it ------------------------------------------------------
- */
+/* --- Into the address space and out of it ---------------------------------------------------- */
 
 /* The address space's lock is held for writing. */
 static struct vm_area_struct *next_mapping(struct takeover *takeover, struct vm_area_struct *vma)
@@ -222,8 +220,7 @@ static void leave(struct takeover *takeover)
 	stop_using(takeover);
 }
 
-/* --- Taking and giving back --------------------------------------------------------------------
- */
+/* --- Taking and giving back ------------------------------------------------------------------ */
 
 static struct takeover *alloc_takeover(struct ka_mapping *mapping,
 				       void (*closed)(struct ka_mapping *mapping,
@@ -264,6 +261,11 @@ static void take_vma(struct takeover *takeover, struct vm_area_struct *vma)
 	vma->vm_flags |= TAKEN_FLAGS;
 }
 
+static bool is_fit(const struct vm_area_struct *vma)
+{
+	return vma->vm_file && (vma->vm_flags & VM_SHARED) && !(vma->vm_flags & UNFIT_FLAGS);
+}
+
 static int find_and_take(struct takeover *takeover, unsigned long address)
 {
 	struct vm_area_struct *vma = find_vma(current->mm, address);
@@ -274,7 +276,7 @@ static int find_and_take(struct takeover *takeover, unsigned long address)
 	earlier = takeover_of(vma);
 	if (earlier && !earlier->mapping)
 		restore_mappings(earlier); /* its settlement is still to come */
-	if (vma->vm_private_data || !(vma->vm_flags & VM_SHARED) || (vma->vm_flags & UNFIT_FLAGS))
+	if (vma->vm_private_data || !is_fit(vma))
 		return -EBUSY;
 	take_vma(takeover, vma);
 	return 0;
@@ -334,8 +336,7 @@ void ka_mapping_give_up(struct ka_mapping *mapping)
 	let_go(mapping, true);
 }
 
-/* --- What is known of it, and pages ------------------------------------------------------------
- */
+/* --- What is known of it, and pages ---------------------------------------------------------- */
 
 int ka_mapping_is_taken(const struct ka_mapping *mapping)
 {

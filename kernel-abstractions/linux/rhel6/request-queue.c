@@ -45,8 +45,7 @@ static void run_gate(struct request_queue *queue)
 		__blk_end_request_all(request, -EIO);
 }
 
-/* --- The queue ---------------------------------------------------------------------------------
- */
+/* --- The queue ------------------------------------------------------------------------------- */
 
 /*
  * Only whole pages have something added to them. A bio that begins inside a page is one segment
@@ -97,8 +96,7 @@ struct ka_disk_owner *ka_queue_owner(struct request_queue *queue)
 	return gate_of(queue)->owner;
 }
 
-/* --- Requests ----------------------------------------------------------------------------------
- */
+/* --- Requests -------------------------------------------------------------------------------- */
 
 struct request *ka_blk_fetch_request(struct request_queue *queue)
 {
@@ -154,8 +152,7 @@ int ka_request_is_fs(const struct request *request)
 	return request->cmd_type == REQ_TYPE_FS;
 }
 
-/* --- The disk ----------------------------------------------------------------------------------
- */
+/* --- The disk -------------------------------------------------------------------------------- */
 
 /* Held while the driver is told of an open: its record stays until it has taken a reference. */
 static DEFINE_MUTEX(opens_mutex);

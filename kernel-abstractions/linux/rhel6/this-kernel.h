@@ -107,8 +107,7 @@ static inline size_t kernel_send_size(size_t length, size_t total)
 	return total;
 }
 
-/* --- Address spaces ------------------------------------------------------------------------------
- */
+/* --- Address spaces -------------------------------------------------------------------------- */
 
 #define KERNEL_VM_UNFIT (VM_NONLINEAR | VM_INSERTPAGE)
 #define KERNEL_VM_SHOWN VM_RESERVED
@@ -166,8 +165,7 @@ static inline void kernel_refuse_moves(struct vm_operations_struct *operations)
 {
 }
 
-/* --- Block devices -------------------------------------------------------------------------------
- */
+/* --- Block devices --------------------------------------------------------------------------- */
 
 #define kernel_for_each_segment(segment, bio, position)                                            \
 	for (position = (bio)->bi_idx;                                                             \

@@ -67,8 +67,7 @@ static blk_status_t queue_request(struct blk_mq_hw_ctx *hctx, const struct blk_m
 
 static const struct blk_mq_ops adaptor_ops = {.queue_rq = queue_request};
 
-/* --- The queue ---------------------------------------------------------------------------------
- */
+/* --- The queue ------------------------------------------------------------------------------- */
 
 /*
  * A scheduler would bound the pending requests by what suits disks, far below what the driver is
@@ -140,8 +139,7 @@ static void set_limits(struct request_adaptor *adaptor, struct request_queue *qu
 	blk_queue_max_segments(queue, KA_BIO_MAX_PAGES);
 }
 
-/* --- Requests ----------------------------------------------------------------------------------
- */
+/* --- Requests -------------------------------------------------------------------------------- */
 
 struct request *ka_blk_fetch_request(struct request_queue *queue)
 {
@@ -191,8 +189,7 @@ int ka_request_is_fs(const struct request *request)
 	return !blk_rq_is_passthrough((struct request *)request);
 }
 
-/* --- The disk ----------------------------------------------------------------------------------
- */
+/* --- The disk -------------------------------------------------------------------------------- */
 
 struct gendisk *ka_alloc_disk(int minors, struct request_queue *queue)
 {

@@ -139,8 +139,7 @@ static inline size_t kernel_send_size(size_t length, size_t total)
 	return length;
 }
 
-/* --- Address spaces ------------------------------------------------------------------------------
- */
+/* --- Address spaces -------------------------------------------------------------------------- */
 
 /* A mapping that userfaultfd watches has marks where it has no pages, which a zap leaves there. */
 #define KERNEL_VM_UNFIT (VM_UFFD_MISSING | VM_UFFD_WP | VM_UFFD_MINOR)
@@ -195,8 +194,7 @@ static inline void kernel_refuse_moves(struct vm_operations_struct *operations)
 	operations->mremap = kernel_refuse_move;
 }
 
-/* --- Block devices -------------------------------------------------------------------------------
- */
+/* --- Block devices --------------------------------------------------------------------------- */
 
 #define kernel_for_each_segment(segment, bio, position) bio_for_each_segment(segment, bio, position)
 typedef struct bvec_iter kernel_bio_position;
