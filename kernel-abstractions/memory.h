@@ -10,7 +10,8 @@ KA_BEGIN_DECLS
 /*
  * Virtually contiguous memory, page aligned, not cleared. Null when memory is short; any size may
  * be asked for, and a failure is not reported in the kernel log. Freed with ka_vfree (null is
- * allowed). May sleep.
+ * allowed). May sleep, but starts no I/O to make room: the caller may be the one who will resume
+ * the device that it would go to.
  */
 void *ka_vmalloc(size_t size);
 void ka_vfree(const void *memory);

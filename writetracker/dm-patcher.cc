@@ -135,6 +135,8 @@ public:
 
 // --- Ioctls --------------------------------------------------------------------------------------
 
+static constexpr uint32_t MAX_REQUEST = 256u << 20; // bytes
+
 // A private copy of a request as it stands in the process's memory. Wiped before it is freed: it
 // may hold the key of an encrypted device.
 class RequestCopy
@@ -150,13 +152,16 @@ public:
 	RequestCopy(const RequestCopy &) = delete;
 	RequestCopy &operator=(const RequestCopy &) = delete;
 
-	// -EFAULT when the request cannot be read or says that it is smaller than `least`.
+	// -EFAULT when the request cannot be read or says that it is smaller than `least`, -ENOMEM
+	// when it says that it is larger than any that the kernel takes.
 	int read(const void *user, uint32_t least)
 	{
 		dm_ioctl header = {};
 		if (ka_copy_from_user(&header, user, DM_HEADER_SIZE) != 0 ||
 		    header.data_size < least)
 			return -KA_EFAULT;
+		if (header.data_size > MAX_REQUEST)
+			return -KA_ENOMEM;
 		// The kernel answers some commands with less than a whole header.
 		const size_t size =
 			header.data_size < sizeof(header) ? sizeof(header) : header.data_size;
@@ -262,7 +267,10 @@ static long dm_unlocked_ioctl(file *filp, unsigned int cmd, unsigned long arg)
 	KA_BUG_ON(!was_hooked);
 	if (!node) // the call was on its way when the file lost its hook
 		return dm_ioctl_of_kernel(filp, cmd, arg);
-	const long ret = examine_or_forward(&node->dhn_data, filp, cmd, arg);
+	// The kernel refuses the requests of others without a look at their memory.
+	const long ret = ka_capable_sys_admin()
+				 ? examine_or_forward(&node->dhn_data, filp, cmd, arg)
+				 : dm_ioctl_of_kernel(filp, cmd, arg);
 	MutexLock lock(mtx_dmp_handle_map);
 	dmp_handle_put(node);
 	return ret;

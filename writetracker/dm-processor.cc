@@ -323,44 +323,13 @@ static int switch_at_resume(lvm_vol_data *snapshot, long *ret, const char *name)
 	if (!volume)
 		return -KA_EINVAL;
 	WT_INFO("ZKR Snapshot %s being created for volume %s\n", name, volume->vi_dname);
-	if (volume_manager_switch_bitmap(volume.get()) != 0) {
+	if (volume_manager_switch_suspended(volume.get()) != 0) {
 		WT_WARN("Unable to switch bitmap for volume %s\n", volume->vi_dname);
 		*ret = -KA_EINVAL;
 		return -KA_EINVAL;
 	}
 	return 0;
 }
-
-static constexpr unsigned long PATIENCE = 1000; // jiffies
-
-// A volume's mutex, unless whoever holds it does not let it go: he may be waiting, to flush it or
-// to freeze it, for the very device that is suspended now.
-class PatientMutexLock
-{
-public:
-	explicit PatientMutexLock(ka_mutex &mutex) : mutex(mutex)
-	{
-		const unsigned long start = ka_jiffies();
-		while (!(held = ka_mutex_trylock(&mutex)) && ka_jiffies() - start <= PATIENCE)
-			ka_schedule();
-	}
-	~PatientMutexLock()
-	{
-		if (held)
-			ka_mutex_unlock(&mutex);
-	}
-	PatientMutexLock(const PatientMutexLock &) = delete;
-	PatientMutexLock &operator=(const PatientMutexLock &) = delete;
-
-	explicit operator bool() const
-	{
-		return held;
-	}
-
-private:
-	ka_mutex &mutex;
-	bool held;
-};
 
 // A hidden device was suspended or resumed: the volume over it gets its write hook back if the
 // queue has lost it.

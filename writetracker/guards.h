@@ -7,6 +7,7 @@
 #include "../kernel-abstractions/memory.h"
 #include "../kernel-abstractions/module.h"
 #include "../kernel-abstractions/sync.h"
+#include "../kernel-abstractions/task.h"
 #include "atomic.h"
 
 template <typename T, void (*Lock)(T *), void (*Unlock)(T *)> class ScopedLock
@@ -55,6 +56,36 @@ public:
 private:
 	ka_mutex &mutex;
 	int err;
+};
+
+// The mutex of a volume that LVM may have suspended, unless whoever holds it does not let it go
+// within a second: he may be waiting, to flush the volume or to freeze it, for that very suspension
+// to end.
+class PatientMutexLock
+{
+public:
+	explicit PatientMutexLock(ka_mutex &mutex) : mutex(mutex)
+	{
+		const unsigned long start = ka_jiffies();
+		while (!(held = ka_mutex_trylock(&mutex)) && ka_jiffies() - start <= 1000)
+			ka_schedule();
+	}
+	~PatientMutexLock()
+	{
+		if (held)
+			ka_mutex_unlock(&mutex);
+	}
+	PatientMutexLock(const PatientMutexLock &) = delete;
+	PatientMutexLock &operator=(const PatientMutexLock &) = delete;
+
+	explicit operator bool() const
+	{
+		return held;
+	}
+
+private:
+	ka_mutex &mutex;
+	bool held;
 };
 
 // A read section that ka_synchronize_sched waits for.

@@ -517,6 +517,34 @@ static void tear_down(jorlvolume_info *volume, const char *name)
 		ka_kfifo_free(volume->dvi_kfifo);
 }
 
+// A zeroed record. The table of records fills upwards from where the hash of an address points, and
+// what would make it grow halts the kernel as soon as a few records are in it. Page-aligned
+// addresses hash to two places half a table apart, so another address is tried until one has room
+// above it.
+static jorlvolume_info *allocate_record()
+{
+	static constexpr int ATTEMPTS = 8;
+	void *refused[ATTEMPTS];
+	int count = 0;
+	jorlvolume_info *volume = nullptr;
+	while (!volume && count < ATTEMPTS) {
+		// Of changing sizes, so that what follows begins at pages of either parity.
+		const size_t size = sizeof(jorlvolume_info) + (count % 2) * PAGE_BYTES;
+		void *memory = ka_vmalloc(size);
+		if (!memory)
+			break;
+		if (jorlvolume_registry_has_room(memory))
+			volume = static_cast<jorlvolume_info *>(memory);
+		else
+			refused[count++] = memory;
+	}
+	while (count > 0)
+		ka_vfree(refused[--count]);
+	if (volume)
+		memset(static_cast<void *>(volume), 0, sizeof(*volume));
+	return volume;
+}
+
 jorlvolume_info *alloc_jorlvolume_info(size_t block_size, size_t num_blocks, unsigned int is_rw,
 				       const void *servicearea)
 {
@@ -527,12 +555,11 @@ jorlvolume_info *alloc_jorlvolume_info(size_t block_size, size_t num_blocks, uns
 		WT_ERROR("[JRREG] Unable to lock the jorl-manager context\n");
 		return static_cast<jorlvolume_info *>(ka_err_ptr(-KA_EINVAL));
 	}
-	auto *volume = static_cast<jorlvolume_info *>(ka_vmalloc(sizeof(jorlvolume_info)));
+	jorlvolume_info *volume = allocate_record();
 	if (!volume) {
 		WT_ERROR("[JRREG] Unable to allocate mememory to create disk %s\n", name);
 		return static_cast<jorlvolume_info *>(ka_err_ptr(-KA_ENOMEM));
 	}
-	memset(static_cast<void *>(volume), 0, sizeof(*volume));
 	volume->dvi_sectors = num_blocks;
 	volume->dvi_block_size = block_size;
 

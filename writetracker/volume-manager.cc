@@ -411,11 +411,9 @@ int volume_manager_clear_bitmap(volume_info *volume)
 	return 0;
 }
 
-int volume_manager_switch_bitmap(volume_info *volume)
+// With vi_mtx held.
+static int switch_bitmap(volume_info *volume)
 {
-	InterruptibleMutexLock lock(volume->vi_mtx);
-	if (lock.error() != 0)
-		return lock.error();
 	if (!volume->vi_istracked)
 		return 0;
 	int err = volume_info_switch_bitmap(volume);
@@ -424,6 +422,18 @@ int volume_manager_switch_bitmap(volume_info *volume)
 	WT_INFO("Switched CBT bitmap for disk:%s\n", volume->vi_dname);
 	volume->vi_switchcount.increment();
 	return 0;
+}
+
+int volume_manager_switch_bitmap(volume_info *volume)
+{
+	InterruptibleMutexLock lock(volume->vi_mtx);
+	return lock.error() != 0 ? lock.error() : switch_bitmap(volume);
+}
+
+int volume_manager_switch_suspended(volume_info *volume)
+{
+	PatientMutexLock lock(volume->vi_mtx);
+	return lock ? switch_bitmap(volume) : -KA_EBUSY;
 }
 
 int volume_manager_getswitchcount(volume_info *volume)

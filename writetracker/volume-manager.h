@@ -50,6 +50,8 @@ int volume_manager_get_extents(volume_info *volume, uint64_t offset, wt_extents 
 int volume_manager_clear_bitmap(volume_info *volume);
 // Freezes what was written so far. 0 without effect on an untracked volume.
 int volume_manager_switch_bitmap(volume_info *volume);
+// The same for a volume that LVM has suspended: -EBUSY when its mutex stays taken for a second.
+int volume_manager_switch_suspended(volume_info *volume);
 // The number of switches since tracking began, or -EINVAL when not tracked.
 int volume_manager_getswitchcount(volume_info *volume);
 

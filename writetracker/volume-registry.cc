@@ -159,19 +159,20 @@ static volume_info_bucket *bucket_for(ka_dev_t dev)
 	return vol_info_buckets.grow(larger, dev);
 }
 
-// Makes the volume's directory and stores the volume in its free slot, which nobody else takes in
-// between; undone as a whole on failure.
+// Stores the volume in its free slot and makes its directory, whose files need lookups that find
+// it; undone as a whole on failure.
 static int enter_volume(volume_info_bucket &bucket, ka_dev_t dev, volume_info *volume)
 {
 	if (!volume_info_get(volume))
 		return -KA_EINVAL;
 	char name[24];
 	ka_snprintf(name, sizeof(name), "%d:%d", ka_major(dev), ka_minor(dev));
+	fill_bucket(bucket, {dev, volume});
 	if (ka_kobject_add(&volume->kobj, &wt_context.kobj, name) != 0) {
+		fill_bucket(bucket, {});
 		volume_info_put(volume);
 		return -KA_EINVAL;
 	}
-	fill_bucket(bucket, {dev, volume});
 	return 0;
 }
 

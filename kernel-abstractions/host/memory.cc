@@ -78,7 +78,8 @@ void *allocate(size_t size, int parity)
 	void *memory = nullptr;
 	if (posix_memalign(&memory, page, size) != 0)
 		return nullptr;
-	if (parity < 0 || reinterpret_cast<uintptr_t>(memory) / page % 2 == uintptr_t(parity))
+	if (parity < 0 || size > page ||
+	    reinterpret_cast<uintptr_t>(memory) / page % 2 == uintptr_t(parity))
 		return memory;
 	void *next = allocate(size, parity);
 	free(memory);
@@ -89,6 +90,7 @@ void release(const void *memory, const char *call, bool mismatched)
 {
 	if (!memory)
 		return;
+	size_t size;
 	{
 		std::lock_guard guard(state().lock);
 		auto found = state().allocations.find(first_byte(memory));
@@ -96,10 +98,11 @@ void release(const void *memory, const char *call, bool mismatched)
 			return violation(printed("%s: not allocated", call));
 		if (holds_lock_in(current(), memory, found->second))
 			violation(printed("%s: a lock in it is held", call));
-		forget_objects_in(memory, found->second);
+		size = found->second;
 		state().allocations.erase(found);
 		state().mismatched += mismatched;
 	}
+	forget_objects_in(memory, size);
 	free(const_cast<void *>(memory));
 }
 

@@ -267,12 +267,18 @@ TEST_F(DmProcessor, SwitchFailures)
 		    ElementsAre(warn_line("Unable to fetch the lvm_vol_info for 253:1"),
 				warn_line(no_volume + "0:0")));
 	load_origin();
-	for (auto [call, nth] : {std::pair("ka_vmalloc", 1), {"ka_mutex_lock_interruptible", 2}}) {
+	VolumeRef origin(lookup_volume_info(dm(0)));
+	for (bool is_busy : {false, true}) {
 		load_snapshot();
-		model::fail(call, nth);
+		if (is_busy)
+			ka_mutex_lock(&origin->vi_mtx);
+		else
+			model::fail("ka_vmalloc");
 		EXPECT_EQ(resume(dm(3), "vg-ZKR_snapshot1"), Outcome(-22, -22));
 		EXPECT_EQ(model::log().back(),
 			  warn_line("Unable to switch bitmap for volume dm-0"));
+		if (is_busy)
+			ka_mutex_unlock(&origin->vi_mtx);
 		EXPECT_FALSE(resume_switches()); // disarmed all the same
 	}
 }

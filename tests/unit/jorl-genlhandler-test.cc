@@ -63,12 +63,10 @@ protected:
 	{
 		EXPECT_THAT(answers(24), ElementsAre(1));
 		const Bytes &record = replied[20];
-		size_t count;
-		memcpy(&count, record.data(), sizeof(count));
-		EXPECT_EQ(record.size(), 8 + 8 * count);
-		std::vector<wt_jorl_diskhandle_t> handles(count);
-		memcpy(handles.data(), record.data() + 8, 8 * count);
-		return handles;
+		std::vector<wt_jorl_diskhandle_t> words(record.size() / 8); // the count first
+		memcpy(words.data(), record.data(), record.size());
+		EXPECT_EQ(words.front(), reinterpret_cast<void *>(words.size() - 1));
+		return {words.begin() + 1, words.end()};
 	}
 
 	static inline Attributes replied;

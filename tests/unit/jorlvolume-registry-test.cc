@@ -13,6 +13,12 @@ uint32_t home(const void *record, uint32_t bits = 7)
 	return (reinterpret_cast<uint64_t>(record) * 0x9e37fffffffc0001) >> (64 - bits);
 }
 
+// An odd number of words: the homes of an array's records are everywhere then.
+struct Spaced {
+	jorlvolume_info record;
+	uint64_t words[sizeof(jorlvolume_info) % 16 == 0 ? 1 : 2];
+};
+
 // Records that are no disks: all that the registry knows of one is its kobject.
 class JorlVolumeRegistry : public Driver
 {
@@ -35,7 +41,7 @@ protected:
 						  uint32_t bits = 7)
 	{
 		std::vector<jorlvolume_info *> found;
-		for (auto &record : arena)
+		for (auto &[record, words] : arena)
 			if (home(&record, bits) >= first && home(&record, bits) <= last &&
 			    found.size() < count)
 				found.push_back(&record);
@@ -73,7 +79,7 @@ protected:
 		return seen;
 	}
 
-	std::vector<jorlvolume_info> arena;
+	std::vector<Spaced> arena;
 	static inline std::vector<ka_kobject *> released;
 };
 

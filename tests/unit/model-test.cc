@@ -104,9 +104,13 @@ TEST_F(Model, QueuesHandOutRequests)
 	const model::Request b = open->submit({{.sector = 1, .bytes = 512}});
 	request *taken = fetched;
 	EXPECT_THROW(ka_blk_end_request_all(taken, 0), model::Bug); // without the lock
-	std::thread submitter([&] {                                 // waits for one to end
-		EXPECT_EQ(open->submit({}).wait(), -5);
+	std::atomic<bool> submitted{false};
+	std::thread submitter([&] { // waits for one to end
+		const model::Request c = open->submit({});
+		submitted = true;
+		EXPECT_EQ(c.wait(), -5);
 	});
+	EXPECT_FALSE(submitted);
 	const auto with_lock = [&](const std::function<void()> &action) {
 		const unsigned long flags = ka_spin_lock_irqsave(&lock);
 		action();
@@ -124,6 +128,8 @@ TEST_F(Model, QueuesHandOutRequests)
 		ka_blk_start_queue(queue);
 	});
 	EXPECT_EQ(a.wait(), 0);
+	while (!submitted)
+		std::this_thread::yield();
 	std::thread deleter([&] { ka_del_gendisk(disk); }); // waits for both
 	with_lock([&] {
 		ka_blk_end_request_all(std::exchange(fetched, nullptr), -1);

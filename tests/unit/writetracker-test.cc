@@ -46,10 +46,13 @@ TEST_F(WriteTracker, LoadsAndUnloads)
 				info_line("Initialization Complete")));
 	model::clear_log();
 	cleanup_module();
-	EXPECT_THAT(model::log(), ElementsAre(info_line("Unloading"),
-					      info_line("Cleaning up the Volume IOCTL Subsystem"),
-					      info_line("Udev Un-Patch Complete"),
-					      info_line("Un-initilization Complete")));
+	EXPECT_THAT(model::log(),
+		    ElementsAre(info_line("Unloading"), info_line("[JRMG] Jorl Manager Unloading"),
+				info_line("[JRMG] Jorl Manager Un-initilization "
+					  "Complete"),
+				info_line("Cleaning up the Volume IOCTL Subsystem"),
+				info_line("Udev Un-Patch Complete"),
+				info_line("Un-initilization Complete")));
 	EXPECT_THAT(model::sysfs_list("/sys"), IsEmpty());
 	EXPECT_EQ(wt_context.is_initialized, 0);
 }

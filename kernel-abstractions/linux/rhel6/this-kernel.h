@@ -35,7 +35,7 @@ static inline void kernel_vprintk(int level, const char *format, va_list args)
 
 static inline void *kernel_vmalloc_quiet(size_t size)
 {
-	return __vmalloc(size, GFP_KERNEL | __GFP_HIGHMEM | __GFP_NOWARN, PAGE_KERNEL);
+	return __vmalloc(size, GFP_NOIO | __GFP_HIGHMEM | __GFP_NOWARN, PAGE_KERNEL);
 }
 
 static inline bool kernel_access_ok(const void *user, unsigned long size)

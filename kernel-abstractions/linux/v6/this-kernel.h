@@ -28,7 +28,11 @@ static inline void kernel_vprintk(int level, const char *format, va_list args)
 
 static inline void *kernel_vmalloc_quiet(size_t size)
 {
-	return __vmalloc(size, GFP_KERNEL | __GFP_NOWARN);
+	unsigned int flags = memalloc_noio_save();
+	void *memory = __vmalloc(size, GFP_KERNEL | __GFP_NOWARN);
+
+	memalloc_noio_restore(flags);
+	return memory;
 }
 
 static inline bool kernel_access_ok(const void *user, unsigned long size)
