@@ -84,6 +84,11 @@ public:
 		return nullptr;
 	}
 
+	bool home_is_free(Key key) const
+	{
+		return !Traits::occupied(buckets[Traits::hash(key, num_bits)]);
+	}
+
 	// The slot where the key may be stored: an empty one, the key's own if it is there already
 	// (then it is occupied), or null when the probe runs off the end.
 	Bucket *lookup_free(Key key)

@@ -517,32 +517,29 @@ static void tear_down(jorlvolume_info *volume, const char *name)
 		ka_kfifo_free(volume->dvi_kfifo);
 }
 
-// A zeroed record. The table of records fills upwards from where the hash of an address points, and
-// what would make it grow halts the kernel as soon as a few records are in it. Page-aligned
-// addresses hash to two places half a table apart, so another address is tried until one has room
-// above it.
+// A zeroed record, somewhere in the first page of its memory: there where the table of records has the
+// home slot of the address still free. Addresses of whole pages would share two homes. Records
+// beside their homes become unreachable when others go, and make the table grow, which halts the
+// kernel in nearly every state.
 static jorlvolume_info *allocate_record()
 {
-	static constexpr int ATTEMPTS = 8;
-	void *refused[ATTEMPTS];
-	int count = 0;
-	jorlvolume_info *volume = nullptr;
-	while (!volume && count < ATTEMPTS) {
-		// Of changing sizes, so that what follows begins at pages of either parity.
-		const size_t size = sizeof(jorlvolume_info) + (count % 2) * PAGE_BYTES;
-		void *memory = ka_vmalloc(size);
-		if (!memory)
-			break;
-		if (jorlvolume_registry_has_room(memory))
-			volume = static_cast<jorlvolume_info *>(memory);
-		else
-			refused[count++] = memory;
-	}
-	while (count > 0)
-		ka_vfree(refused[--count]);
-	if (volume)
-		memset(static_cast<void *>(volume), 0, sizeof(*volume));
-	return volume;
+	static constexpr size_t STEP = 8;
+	auto *memory = static_cast<char *>(ka_vmalloc(PAGE_BYTES + sizeof(jorlvolume_info)));
+	if (!memory)
+		return nullptr;
+	for (char *place = memory; place < memory + PAGE_BYTES; place += STEP)
+		if (jorlvolume_registry_has_home(place)) {
+			memset(place, 0, sizeof(jorlvolume_info));
+			return reinterpret_cast<jorlvolume_info *>(place);
+		}
+	ka_vfree(memory);
+	return nullptr;
+}
+
+static void free_record(const jorlvolume_info *volume)
+{
+	ka_vfree(reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(volume) &
+					  ~(PAGE_BYTES - 1)));
 }
 
 jorlvolume_info *alloc_jorlvolume_info(size_t block_size, size_t num_blocks, unsigned int is_rw,
@@ -571,7 +568,7 @@ jorlvolume_info *alloc_jorlvolume_info(size_t block_size, size_t num_blocks, uns
 		return static_cast<jorlvolume_info *>(ka_err_ptr(err));
 	tear_down(volume, name);
 	ka_mapping_give_up(&volume->dvi_servicearea);
-	ka_vfree(volume);
+	free_record(volume);
 	return static_cast<jorlvolume_info *>(ka_err_ptr(err));
 }
 
@@ -579,7 +576,10 @@ void cleanup_jorlvolume_info(jorlvolume_info *volume)
 {
 	char name[JORL_DISK_NAME_SIZE];
 	ka_snprintf(name, sizeof(name), "%.30s", name_of(volume));
+	// Only a disk whose destruction a signal kept off is still started.
+	if (volume->dvi_is_added)
+		jorlvolume_stop(volume);
 	tear_down(volume, name);
 	ka_mapping_give_back(&volume->dvi_servicearea);
-	ka_vfree(volume);
+	free_record(volume);
 }

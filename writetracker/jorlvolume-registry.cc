@@ -123,10 +123,10 @@ void assign_disk_name(char name[JORL_DISK_NAME_SIZE])
 	} while (number != 0);
 }
 
-bool jorlvolume_registry_has_room(wt_jorl_diskhandle_t handle)
+bool jorlvolume_registry_has_home(wt_jorl_diskhandle_t handle)
 {
 	ReadLock lock(vol_info_rwsem);
-	return !vol_info_buckets.exists() || vol_info_buckets.lookup_free(handle);
+	return !vol_info_buckets.exists() || vol_info_buckets.home_is_free(handle);
 }
 
 int add_jorlvolume_info(jorlvolume_info *volume)

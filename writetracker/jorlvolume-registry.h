@@ -53,8 +53,8 @@ int jorlvolume_registry_cleanup();
 // A name that no disk had since the driver was loaded.
 void assign_disk_name(char name[JORL_DISK_NAME_SIZE]);
 
-// Whether a record at that address could be entered without the table having to grow.
-bool jorlvolume_registry_has_room(wt_jorl_diskhandle_t handle);
+// Whether a record at that address would get the slot that its lookup looks at first.
+bool jorlvolume_registry_has_home(wt_jorl_diskhandle_t handle);
 // Enters the record and takes over the caller's counted reference. -EEXIST for a known one, -EINVAL
 // without a table, -ENOMEM; then the caller keeps the reference.
 int add_jorlvolume_info(jorlvolume_info *volume);

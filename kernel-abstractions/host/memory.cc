@@ -26,7 +26,6 @@ struct Memory {
 	std::map<const char *, UserRange> user;
 	std::atomic<uint64_t> count{0};
 	std::function<void()> reclaim;
-	std::atomic<int> parity{-1}; /* of the pages on which allocations begin; -1: any */
 	int mismatched = 0;
 	std::vector<const void *> forgiven;
 };
@@ -71,21 +70,6 @@ unsigned long copy(void *to, const void *from, unsigned long size, bool to_user)
 	return size - copied;
 }
 
-/* Page aligned. What comes first may be on the wrong page, but then something else is next to it.
- */
-void *allocate(size_t size, int parity)
-{
-	void *memory = nullptr;
-	if (posix_memalign(&memory, page, size) != 0)
-		return nullptr;
-	if (parity < 0 || size > page ||
-	    reinterpret_cast<uintptr_t>(memory) / page % 2 == uintptr_t(parity))
-		return memory;
-	void *next = allocate(size, parity);
-	free(memory);
-	return next;
-}
-
 void release(const void *memory, const char *call, bool mismatched)
 {
 	if (!memory)
@@ -116,11 +100,6 @@ void make_room()
 	running = true;
 	state().reclaim();
 	running = false;
-}
-
-void allocate_on_page(int parity)
-{
-	state().parity = parity;
 }
 
 uint64_t allocations()
@@ -165,7 +144,6 @@ void reset_memory()
 		free(const_cast<char *>(address));
 	m.allocations.clear();
 	m.reclaim = nullptr;
-	m.parity = -1;
 	m.mismatched = 0;
 	m.forgiven.clear();
 }
@@ -243,8 +221,8 @@ void *ka_vmalloc(size_t size)
 	if (injected("ka_vmalloc", -KA_ENOMEM) || size == 0 || size > largest)
 		return nullptr;
 	make_room();
-	void *memory = allocate(size, state().parity);
-	if (!memory)
+	void *memory = nullptr;
+	if (posix_memalign(&memory, page, size) != 0)
 		return nullptr;
 	memset(memory, 0xa5, size); /* not cleared, and it shows */
 	std::lock_guard guard(state().lock);

@@ -166,8 +166,6 @@ private:
 int forget_memory(size_t size);
 /* Calls of ka_vmalloc so far. */
 uint64_t allocations();
-/* Allocations of up to a page get even pages (0), or odd ones (1). At boot: whatever comes. */
-void allocate_on_page(int parity);
 /* Called by each allocation that may start I/O to make room, the kernel's own included. */
 void on_reclaim(std::function<void()> action);
 

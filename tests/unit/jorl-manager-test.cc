@@ -124,13 +124,15 @@ TEST_F(JorlManager, InitialisationFailures)
 
 TEST_F(JorlManager, CleanupFailures)
 {
-	ASSERT_FALSE(ka_is_err(create(area)));
+	jorlvolume_info *volume = create(area);
+	ASSERT_FALSE(ka_is_err(volume));
+	ASSERT_EQ(jorlmanager_start_disk(volume, server.port()), 0);
 	model::fail("ka_mutex_lock_interruptible");
 	EXPECT_EQ(cleanup_jorl_manager(), -4);
 	EXPECT_TRUE(is_up());
 
 	model::clear_log();
-	model::fail("ka_mutex_lock_interruptible", 2); // the disk's
+	model::fail("ka_mutex_lock_interruptible", 2); // the disk's, which ends all the same
 	EXPECT_EQ(cleanup_jorl_manager(), 0);
 	EXPECT_EQ(model::logged(warn_line("[JRMG] Unable to destroy volume zorvat-a. Error -4")),
 		  1);
@@ -181,6 +183,23 @@ TEST_F(JorlManager, CreationRules)
 	}
 	EXPECT_EQ(ka_ptr_err(create(area, 8192)), -22);
 	EXPECT_EQ(model::logged(error_line("[JRMG] Unable to allocate jorl disk. error(-22)")), 1);
+}
+
+// Each has its own slot in the table, so that nobody's end hides another.
+TEST_F(JorlManager, ManyDisksEndInAnyOrder)
+{
+	std::vector<std::unique_ptr<ProcessMapping>> areas;
+	std::vector<jorlvolume_info *> volumes;
+	for (int i = 0; i < 100; i++) {
+		areas.push_back(std::make_unique<ProcessMapping>(area_bytes));
+		volumes.push_back(create(*areas.back()));
+		ASSERT_FALSE(ka_is_err(volumes.back())) << i;
+	}
+	for (jorlvolume_info *volume : volumes) {
+		const JorlVolumeRef found(lookup_jorlvolume_info(volume));
+		ASSERT_TRUE(found);
+		EXPECT_EQ(jorlmanager_destroy_disk(volume), 0);
+	}
 }
 
 TEST_F(Created, OperationsInTheWrongState)

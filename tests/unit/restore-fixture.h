@@ -23,7 +23,6 @@ protected:
 	void SetUp() override
 	{
 		Driver::SetUp();
-		model::allocate_on_page(page_of_low_home());
 		manager.emplace(); // else it goes with each test's last disk
 		model::clear_log();
 	}
@@ -43,18 +42,6 @@ protected:
 	{
 		const JorlVolumeRef reference(jorlvolume_info_get(volume));
 		return jorlmanager_destroy_disk(volume);
-	}
-	// The registry's hash says little more of an address than whether its page is even or odd:
-	// nearly all disks have their home in one slot, and only those that find room above it can
-	// be registered.
-	static int page_of_low_home()
-	{
-		model::allocate_on_page(0);
-		void *memory = ka_vmalloc(sizeof(jorlvolume_info));
-		const bool is_low =
-			reinterpret_cast<uint64_t>(memory) * 0x9e37fffffffc0001 >> 63 == 0;
-		ka_vfree(memory);
-		return is_low ? 0 : 1;
 	}
 	static size_t logged_disk_lines()
 	{
