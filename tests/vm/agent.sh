@@ -1,0 +1,241 @@
+# SPDX-License-Identifier: GPL-2.0
+# The agent on real LVM, with a file system that is written all the time: every restore point,
+# restored and served, is the snapshot that it was made from; also when backups are killed, or find
+# no room. rounds=N on the kernel's command line makes it as long as one likes.
+
+cases() {
+	echo load
+	echo every_point_is_its_snapshot "${rounds:-3}"
+	echo killed_at_random "${rounds:-3}"
+	echo no_room_in_the_repository
+	echo a_flipped_byte_is_found
+	echo tells_why_it_is_full
+	echo mounts_an_older_point
+	echo serves_a_disk
+	echo refuses_targets_in_use
+	echo forgets_without_losing_a_block
+	echo unload
+}
+
+# --- Cases
+
+every_point_is_its_snapshot() { # ROUNDS
+	use_busy_volume
+	local point
+	for round in $(seq "$1"); do
+		back_up_and_keep_truth
+		restore_equals "$repository" /tmp/truth
+		[ "$round" = 1 ] || zorvat list "$repository" --json | grep -q incremental
+	done
+	zorvat verify "$repository" -q
+	serve_point "$repository"
+	oracle equal /tmp/truth "$served"
+}
+
+killed_at_random() { # ROUNDS
+	use_busy_volume
+	zorvat backup vg/data --to "$repository" -q
+	for round in $(seq "$1"); do
+		zorvat backup vg/data --to "$repository" -q >/tmp/killed 2>&1 &
+		agent=$!
+		usleep $(($(random) % 1500000))
+		kill -9 $agent || true
+		wait $agent || true
+		[ ! -e "$repository/repository.json" ] || zorvat verify "$repository" -q
+	done
+	back_up_and_keep_truth
+	restore_equals "$repository" /tmp/truth
+	nothing_is_left
+}
+
+no_room_in_the_repository() {
+	use_busy_volume
+	zorvat backup vg/data --to "$repository" -q
+	fill_repository_disk
+	dd if=/dev/urandom of=/mnt/more bs=1M count=4 conv=fsync
+	local status=0
+	zorvat backup vg/data --to "$repository" -q || status=$?
+	[ $status = 8 ]
+	zorvat verify "$repository" -q
+	rm $repository_disk/filler
+	back_up_and_keep_truth
+	zorvat list "$repository" | tail -n1 | grep incremental
+	restore_equals "$repository" /tmp/truth
+	nothing_is_left
+}
+
+a_flipped_byte_is_found() {
+	use_busy_volume
+	zorvat backup vg/data --to "$repository" -q
+	zorvat backup vg/data --to "$repository" -q
+	for file in $(find "$repository" -name '*.data') $(find "$repository" -name '*.json'); do
+		cp "$file" /tmp/intact
+		flip_byte "$file" $(($(random) % $(stat -c %s "$file")))
+		fails zorvat verify "$repository" -q 2>/tmp/told
+		grep "$(basename "$file")" /tmp/told
+		cp /tmp/intact "$file"
+	done
+	zorvat verify "$repository" -q
+}
+
+tells_why_it_is_full() {
+	use_busy_volume
+	zorvat backup vg/data --to "$repository" -q --json | grep '"reason": "it is the first one"'
+	zorvatctl switch $volume
+	zorvatctl clear $volume
+	zorvat backup vg/data --to "$repository" -q --json | grep '"reason": "the bitmap was switched'
+	zorvat backup vg/data --to "$repository" -q --json | grep '"reason": ""'
+	zorvat backup vg/data --to $repository_disk/other -q
+	zorvat backup vg/data --to "$repository" -q --json | grep '"reason": "another backup'
+	zorvatctl stop $volume
+	zorvat backup vg/data --to "$repository" -q --json | grep '"reason": "the volume was not tracked"'
+	back_up_and_keep_truth
+	restore_equals "$repository" /tmp/truth
+}
+
+mounts_an_older_point() {
+	use_busy_volume
+	echo "as it was" >/mnt/note
+	sync
+	zorvat backup vg/data --to "$repository" -q
+	echo "as it is" >/mnt/note
+	sync
+	zorvat backup vg/data --to "$repository" -q
+	mkdir -p /tmp/old /tmp/new
+	zorvat mount "$repository@1" /tmp/old
+	zorvat mount "$repository" /tmp/new
+	grep "as it was" /tmp/old/note
+	grep "as it is" /tmp/new/note
+	zorvat umount /tmp/old
+	zorvat umount /tmp/new
+	zorvatctl disks --json | grep -F '[]'
+	fails zorvat umount /tmp/old
+}
+
+serves_a_disk() {
+	use_busy_volume
+	back_up_and_keep_truth
+	serve_point "$repository"
+	oracle equal /tmp/truth "$served"
+	# The server dies; whoever backs up next removes its disk.
+	kill -9 $server
+	wait $server || true
+	zorvat backup vg/data --to "$repository" -q
+	zorvatctl disks --json | grep -F '[]'
+}
+
+refuses_targets_in_use() {
+	use_busy_volume
+	zorvat backup vg/data --to "$repository" -q
+	local status=0
+	zorvat restore "$repository" --to $volume -q || status=$?
+	[ $status = 6 ]
+	status=0
+	zorvat restore "$repository" --to /dev/vdb -q || status=$?
+	[ $status = 6 ]
+	lvm lvcreate -q -y -n spare -L 8m vg
+	status=0
+	zorvat restore "$repository" --to /dev/vg/spare -q || status=$?
+	[ $status = 2 ]
+}
+
+forgets_without_losing_a_block() {
+	use_busy_volume
+	for round in 1 2 3 4 5; do
+		back_up_and_keep_truth
+		mv /tmp/truth /tmp/truth$round
+	done
+	zorvat forget "$repository@2" -q
+	zorvat forget "$repository@3" -q
+	zorvat verify "$repository" -q
+	for round in 1 4 5; do
+		restore_equals "$repository@$round" /tmp/truth$round
+	done
+	zorvat forget "$repository" --keep-last 1 -q
+	[ "$(zorvat list "$repository" | wc -l)" = 2 ]
+	restore_equals "$repository" /tmp/truth5
+	rm /tmp/truth*
+}
+
+# --- The volume and the repository, until the case ends
+
+# $volume, mounted on /mnt and written all the time; $repository, on the second disk.
+use_busy_volume() {
+	use_volume 32
+	eventually 10 is_known_as_it_is $volume
+	defer 'zorvatctl stop $volume'
+	repository_disk=/tmp/repository-disk
+	repository=$repository_disk/data
+	mkdir -p $repository_disk
+	make_ext4 /dev/vdb
+	mount -t ext4 /dev/vdb $repository_disk
+	defer umount $repository_disk
+	keep_files_changing
+}
+
+keep_files_changing() {
+	fio --name=work --directory=/mnt --size=8m --rw=randwrite --bssplit=4k/80:64k/20 --fsync=64 \
+		--thread --ioengine=psync --time_based --runtime=1h --thinktime=5ms --randrepeat=0 \
+		--refill_buffers --output=/tmp/fio.log &
+	defer "killall -q fio; wait $!"
+	eventually 10 test -f /mnt/work.0.0
+}
+
+# A backup, and in /tmp/truth what its snapshot holds: the agent is stopped when it has noted what
+# changed, and is about to copy it.
+back_up_and_keep_truth() {
+	rm -f /tmp/truth
+	zorvat backup vg/data --to "$repository" -q &
+	agent=$!
+	set +x
+	until snapshot_is_noted || ! kill -0 $agent; do :; done
+	kill -STOP $agent
+	set -x
+	dd if="$(echo /dev/vg/ZKR_snapshot_*)" of=/tmp/truth bs=1M 2>/dev/null
+	kill -CONT $agent
+	wait $agent
+	[ "$(stat -c %s /tmp/truth)" = "$(blockdev --getsize64 $volume)" ]
+}
+
+# Without a program: it has to be quicker than the agent.
+snapshot_is_noted() {
+	{ read -r line && read -r line; } 2>/dev/null <"$repository/attempt.json" || return 1
+	case $line in
+	*'"switch_count":null'*) return 1 ;;
+	*) return 0 ;;
+	esac
+}
+
+restore_equals() { # REPOSITORY[@POINT] FILE
+	zorvat restore "$1" --to /tmp/restored -q
+	oracle equal /tmp/restored "$2"
+	rm /tmp/restored
+}
+
+serve_point() { # REPOSITORY[@POINT]: $served, $server
+	zorvat serve "$1" >/tmp/served 2>&1 &
+	server=$!
+	defer "kill $server 2>/dev/null; wait $server || true"
+	eventually 20 grep -q ^/dev/ /tmp/served
+	served=$(grep -m1 ^/dev/ /tmp/served)
+}
+
+fill_repository_disk() {
+	dd if=/dev/zero of=$repository_disk/filler bs=64k 2>/dev/null || true
+}
+
+flip_byte() { # FILE OFFSET
+	local byte=$(dd if="$1" bs=1 skip="$2" count=1 2>/dev/null | od -An -tu1)
+	printf "\\$(printf %03o $((byte ^ 1)))" | dd of="$1" bs=1 seek="$2" conv=notrunc 2>/dev/null
+}
+
+nothing_is_left() {
+	fails ls /dev/vg/ZKR_snapshot*
+	zorvatctl disks --json | grep -F '[]'
+	[ ! -e "$repository/attempt.json" ]
+	fails ls "$repository"/*/*.tmp
+}
+
+random() {
+	od -An -N4 -tu4 /dev/urandom
+}

@@ -1,0 +1,344 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "backup.h"
+
+#include <algorithm>
+#include <chrono>
+#include <fcntl.h>
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <random>
+
+#include "block-runs.h"
+#include "volume-reader.h"
+
+namespace zorvat::agent
+{
+
+namespace
+{
+
+/* Grows with time, so that no two backups of a volume have the same. */
+uint64_t new_save_time(uint64_t last)
+{
+	const auto now = std::chrono::system_clock::now().time_since_epoch();
+	const auto microseconds = std::chrono::duration_cast<std::chrono::microseconds>(now);
+	return std::max<uint64_t>(microseconds.count(), last + 1);
+}
+
+/* Snapshots of an attempt are known by their names: no two attempts have the same. */
+std::string new_snapshot_name()
+{
+	std::random_device device;
+	return fmt::format("{}_{:08x}", snapshot_prefix, device());
+}
+
+/* Removes the snapshot when the backup is over, however it ends. */
+class Snapshot
+{
+public:
+	Snapshot(SnapshotManager &manager, const LogicalVolume &volume, const std::string &name,
+		 const std::string &size)
+	    : manager_(manager), volume_(volume), name_(name),
+	      path_(manager.create(volume, name, size))
+	{
+	}
+	~Snapshot()
+	{
+		try {
+			remove();
+		} catch (const std::exception &error) {
+			fmt::print(stderr, "zorvat: {}\nzorvat: the next backup removes it\n",
+				   error.what());
+		}
+	}
+	Snapshot(const Snapshot &) = delete;
+	Snapshot &operator=(const Snapshot &) = delete;
+
+	const std::filesystem::path &path() const
+	{
+		return path_;
+	}
+	void remove()
+	{
+		if (!std::exchange(removed_, true))
+			manager_.remove(volume_, name_);
+	}
+
+private:
+	SnapshotManager &manager_;
+	const LogicalVolume &volume_;
+	std::string name_;
+	std::filesystem::path path_;
+	bool removed_ = false;
+};
+
+class Backup
+{
+public:
+	Backup(const BackupEnvironment &environment, const BackupRequest &request,
+	       Progress &progress)
+	    : environment_(environment), request_(request), progress_(progress),
+	      volume_(environment.snapshots.find(request.volume)), volume_lock_(lock_volume()),
+	      repository_(Repository::open_or_create(request.repository, volume_.full_name(),
+						     volume_.uuid)),
+	      repository_lock_(repository_.lock_for_writing()),
+	      tracker_(environment.open_tracker(volume_.path))
+	{
+		if (repository_.volume_uuid() != volume_.uuid)
+			throw Failure(FailureCode::usage,
+				      fmt::format("{} holds backups of another volume, {}",
+						  repository_.directory().native(),
+						  repository_.volume_name()));
+	}
+
+	BackupResult run();
+
+private:
+	File lock_volume() const;
+	void look_at_history();
+	void remove_old_snapshots();
+	void decide();
+	void begin_attempt();
+	void look_at_changes(const TrackerState &after);
+	std::vector<BlockRun> read_changes();
+	DataSummary copy(const std::filesystem::path &path);
+	Manifest make_manifest(const DataSummary &data) const;
+	void forget_changes();
+
+	const BackupEnvironment &environment_;
+	const BackupRequest &request_;
+	Progress &progress_;
+	LogicalVolume volume_;
+	File volume_lock_;
+	Repository repository_;
+	File repository_lock_;
+	std::unique_ptr<ChangeTracker> tracker_;
+
+	std::optional<Manifest> last_;
+	std::optional<Attempt> old_attempt_;
+	std::string reason_; // for a full backup; empty: incremental
+	Attempt attempt_;
+	TrackerState after_; // the snapshot
+	std::vector<BlockRun> runs_;
+	int64_t time_ = 0;
+	uint64_t number_ = 0;
+};
+
+/* Two agents, with two repositories perhaps, would take each other's snapshots for leftovers. */
+File Backup::lock_volume() const
+{
+	File lock(environment_.lock_directory / ("zorvat-" + volume_.uuid + ".lock"),
+		  O_RDWR | O_CREAT);
+	if (!lock.try_lock())
+		throw Failure(FailureCode::busy,
+			      volume_.full_name() + " is being backed up by another program");
+	return lock;
+}
+
+/* What cannot be read of it only means that a full backup is due. */
+void Backup::look_at_history()
+{
+	std::vector<std::string> problems;
+	const auto points = repository_.points(problems);
+	for (const std::string &problem : problems) {
+		progress_.note(problem);
+		reason_ = "the repository is damaged";
+	}
+	if (!points.empty())
+		last_ = points.back();
+	try {
+		old_attempt_ = repository_.attempt();
+	} catch (const Failure &failure) {
+		progress_.note(failure.what());
+		reason_ = "the repository is damaged";
+	}
+}
+
+/* With an attempt's snapshot goes the only proof that the switch was the attempt's: it is noted first.
+ */
+void Backup::remove_old_snapshots()
+{
+	const auto names = environment_.snapshots.own_snapshots(volume_);
+	if (old_attempt_ && !old_attempt_->switch_count &&
+	    std::ranges::find(names, old_attempt_->snapshot) != names.end()) {
+		old_attempt_->switch_count = old_attempt_->before.switch_count + 1;
+		repository_.write_attempt(*old_attempt_);
+	}
+	for (const std::string &name : names) {
+		progress_.note("removing the snapshot " + name + " of an interrupted backup");
+		environment_.snapshots.remove(volume_, name);
+	}
+}
+
+void Backup::decide()
+{
+	const bool helps = old_attempt_ && last_ && old_attempt_->point == last_->id;
+	if (!helps)
+		old_attempt_.reset();
+	TrackerState state = tracker_->state();
+	if (reason_.empty())
+		reason_ = why_full(state, volume_.size, last_ ? &*last_ : nullptr,
+				   old_attempt_ ? &*old_attempt_ : nullptr);
+	attempt_.point = reason_.empty() ? last_->id : "";
+	if (!reason_.empty())
+		old_attempt_.reset();
+	if (reason_.empty() && request_.full)
+		reason_ = "it was asked for";
+	if (!state.tracked) {
+		/* Before the snapshot, so that no write is missed between the two. */
+		tracker_->start();
+		state = tracker_->state();
+	}
+	attempt_.before = {state.identity, state.switch_count, state.save_time, state.save_time};
+}
+
+void Backup::begin_attempt()
+{
+	attempt_.snapshot = new_snapshot_name();
+	repository_.write_attempt(attempt_);
+}
+
+void Backup::look_at_changes(const TrackerState &after)
+{
+	after_ = after;
+	const bool switched = after.tracked && after.identity == attempt_.before.identity &&
+			      after.switch_count == attempt_.before.switch_count + 1;
+	if (!switched) {
+		reason_ = "the driver did not switch its bitmap once, at the snapshot";
+		attempt_.point.clear();
+	}
+	if (!attempt_.point.empty()) {
+		attempt_.changes = read_changes();
+		if (tracker_->state().switch_count != after.switch_count) {
+			reason_ = "somebody else switched the bitmap";
+			attempt_.point.clear();
+		}
+	}
+	attempt_.switch_count = after.switch_count;
+	repository_.write_attempt(attempt_);
+	runs_ = reason_.empty() ? std::move(attempt_.changes) : all_blocks(volume_.size);
+	attempt_.changes.clear();
+}
+
+std::vector<BlockRun> Backup::read_changes()
+{
+	auto runs = runs_of(tracker_->changes(), volume_.size);
+	if (old_attempt_)
+		runs = union_of(runs, old_attempt_->changes);
+	return runs;
+}
+
+DataSummary Backup::copy(const std::filesystem::path &path)
+{
+	number_ = repository_.next_number();
+	DataWriter writer(repository_.data_directory(), Repository::new_data_name(number_),
+			  volume_.size, request_.compression);
+	progress_.begin(reason_.empty() ? "incremental backup" : "full backup",
+			bytes_of_runs(runs_, volume_.size));
+	VolumeReader reader(path, runs_, volume_.size);
+	while (const auto chunk = reader.next()) {
+		writer.add(chunk->start, chunk->bytes);
+		progress_.advance(chunk->bytes.size());
+	}
+	const DataSummary summary = writer.finish();
+	progress_.end();
+	return summary;
+}
+
+Manifest Backup::make_manifest(const DataSummary &data) const
+{
+	return {.number = number_,
+		.id = fmt::format("{}-{:%Y%m%dT%H%M%SZ}", number_, fmt::gmtime(time_)),
+		.parent = reason_.empty() ? last_->id : "",
+		.time = time_,
+		.volume_name = volume_.full_name(),
+		.volume_uuid = volume_.uuid,
+		.size = volume_.size,
+		.reason = reason_,
+		.data = data,
+		.changed_bytes = bytes_of_runs(runs_, volume_.size),
+		.driver = {.identity = after_.identity,
+			   .switch_count = after_.switch_count,
+			   .save_time = new_save_time(after_.save_time),
+			   .save_time_before = after_.save_time}};
+}
+
+/* The frozen bitmap goes if it still is that of our snapshot. */
+void Backup::forget_changes()
+{
+	const bool switched = after_.switch_count == attempt_.before.switch_count + 1;
+	if (!after_.tracked || !switched || tracker_->state().switch_count != after_.switch_count) {
+		progress_.note("the driver's changes are kept: they may be more than was backed up");
+		return;
+	}
+	tracker_->clear();
+	const TrackerState now = tracker_->state();
+	if (now.switch_count == after_.switch_count)
+		return;
+	/* Changes may have been dropped with the bitmap. No manifest has this save time. */
+	tracker_->set_save_time(new_save_time(now.save_time));
+	progress_.note("somebody else switched the bitmap meanwhile: the next backup is a full one");
+}
+
+BackupResult Backup::run()
+{
+	const auto start = std::chrono::steady_clock::now();
+	look_at_history();
+	remove_old_snapshots();
+	decide();
+	begin_attempt();
+
+	time_ = std::time(nullptr);
+	Snapshot snapshot(environment_.snapshots, volume_, attempt_.snapshot,
+			  request_.snapshot_size);
+	look_at_changes(tracker_->state());
+	if (!reason_.empty())
+		progress_.note("a full backup, because " + reason_);
+
+	const Manifest manifest = make_manifest(copy(snapshot.path()));
+	repository_.commit(manifest);
+	/* First the save time: whoever relies on the changes that are cleared must notice. */
+	tracker_->set_save_time(manifest.driver.save_time);
+	forget_changes();
+	snapshot.remove();
+	repository_.remove_attempt();
+
+	const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
+	return {manifest, manifest.changed_bytes, manifest.data.length, seconds.count()};
+}
+
+} // namespace
+
+std::string why_full(const TrackerState &state, uint64_t size, const Manifest *last,
+		     const Attempt *attempt)
+{
+	if (!last)
+		return "it is the first one";
+	if (last->size != size)
+		return fmt::format("the volume had {} bytes and has {}", last->size, size);
+	if (!state.tracked)
+		return "the volume was not tracked";
+	if (state.size != size)
+		return "the driver has another size for the volume";
+	if (state.identity != last->driver.identity)
+		return "the driver knows the volume anew, as after a reboot or a reload";
+	if (state.save_time != last->driver.save_time &&
+	    state.save_time != last->driver.save_time_before)
+		return "another backup of the volume was made since the last one";
+	const uint64_t expected = last->driver.switch_count;
+	if (!attempt && state.switch_count != expected)
+		return fmt::format("the bitmap was switched {} times instead of {}",
+				   state.switch_count, expected);
+	if (attempt && state.switch_count !=
+			       attempt->switch_count.value_or(attempt->before.switch_count))
+		return "the bitmap was switched by somebody else since an interrupted backup";
+	return "";
+}
+
+BackupResult back_up(const BackupEnvironment &environment, const BackupRequest &request,
+		     Progress &progress)
+{
+	return Backup(environment, request, progress).run();
+}
+
+} // namespace zorvat::agent

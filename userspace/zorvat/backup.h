@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * A backup: snapshot, what changed, copy, commit, clear. docs/repository.md says why it can end
+ * anywhere and nothing is lost.
+ */
+#ifndef ZORVAT_AGENT_BACKUP_H
+#define ZORVAT_AGENT_BACKUP_H
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "progress.h"
+#include "repository.h"
+#include "snapshots.h"
+#include "tracker.h"
+
+namespace zorvat::agent
+{
+
+/* The system as a backup sees it. */
+struct BackupEnvironment {
+	SnapshotManager &snapshots;
+	/* Of the volume at that path. */
+	std::function<std::unique_ptr<ChangeTracker>(const std::string &path)> open_tracker;
+	/* Where a volume is marked as being backed up. */
+	std::filesystem::path lock_directory = "/run";
+};
+
+struct BackupRequest {
+	std::string volume;
+	std::filesystem::path repository;
+	std::string snapshot_size; // as LVM takes it, or empty
+	bool full = false;
+	int compression = default_compression;
+};
+
+struct BackupResult {
+	Manifest point;
+	uint64_t read_bytes;   // from the snapshot
+	uint64_t stored_bytes; // the data file's length
+	double seconds;
+};
+
+/*
+ * Why the last point cannot be built upon, in words that finish "a full backup, because ...";
+ * empty: it can. state: before the snapshot. attempt: the one that was left, if its snapshot's fate
+ * is known.
+ */
+std::string why_full(const TrackerState &state, uint64_t size, const Manifest *last,
+		     const Attempt *attempt);
+
+/* Throws Failure, and zorvat::Error. */
+BackupResult back_up(const BackupEnvironment &environment, const BackupRequest &request,
+		     Progress &progress);
+
+} // namespace zorvat::agent
+
+#endif

@@ -1,0 +1,177 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "files.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <fstream>
+#include <linux/fs.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+
+#include "checksum.h"
+
+namespace zorvat::agent
+{
+
+namespace
+{
+
+constexpr std::string_view seal_begin = "{\"xxh3_128\":\"";
+constexpr std::string_view seal_middle = "\",\n\"content\":";
+constexpr std::string_view seal_end = "}\n";
+constexpr size_t hash_digits = 2 * sizeof(Hash128);
+
+std::span<const std::byte> bytes_of_text(std::string_view text)
+{
+	return std::as_bytes(std::span(text));
+}
+
+std::string seal(const std::string &content)
+{
+	return fmt::format("{}{}{}{}{}", seal_begin, to_hex(hash128(bytes_of_text(content))),
+			   seal_middle, content, seal_end);
+}
+
+/* A manifest's size is no limit to what can be read, but a directory or a device is no manifest. */
+std::string read_text(const fs::path &path)
+{
+	const File file(path, O_RDONLY);
+	std::string text(file.size(), '\0');
+	file.read(0, std::as_writable_bytes(std::span(text)));
+	return text;
+}
+
+} // namespace
+
+int read_fully(int fd, uint64_t offset, std::span<std::byte> to) noexcept
+{
+	while (!to.empty()) {
+		const ssize_t count = pread(fd, to.data(), to.size(), static_cast<off_t>(offset));
+		if (count < 0 && errno == EINTR)
+			continue;
+		if (count < 0)
+			return errno;
+		if (count == 0)
+			return EIO;
+		to = to.subspan(count);
+		offset += count;
+	}
+	return 0;
+}
+
+File::File(const fs::path &path, int flags, unsigned int mode)
+    : path_(path), fd_(open(path.c_str(), flags | O_CLOEXEC, mode))
+{
+	if (fd_ < 0)
+		throw system_failure("cannot open " + path.native(), errno);
+}
+
+void File::read(uint64_t offset, std::span<std::byte> to) const
+{
+	if (const int number = read_fully(fd_, offset, to))
+		throw system_failure(fmt::format("cannot read {} at {}", path_.native(), offset),
+				     number);
+}
+
+void File::write(uint64_t offset, std::span<const std::byte> from) const
+{
+	while (!from.empty()) {
+		const ssize_t count =
+			pwrite(fd_, from.data(), from.size(), static_cast<off_t>(offset));
+		if (count < 0 && errno == EINTR)
+			continue;
+		if (count < 0)
+			throw system_failure("cannot write " + path_.native(), errno);
+		from = from.subspan(count);
+		offset += count;
+	}
+}
+
+void File::flush() const
+{
+	if (fsync(fd_) != 0)
+		throw system_failure("cannot flush " + path_.native(), errno);
+}
+
+uint64_t File::size() const
+{
+	struct stat status;
+	uint64_t bytes = 0;
+	if (fstat(fd_, &status) != 0)
+		throw system_failure("cannot look at " + path_.native(), errno);
+	if (S_ISREG(status.st_mode))
+		return status.st_size;
+	if (!S_ISBLK(status.st_mode))
+		throw Failure(FailureCode::usage,
+			      path_.native() + " is neither a file nor a block device");
+	if (ioctl(fd_, BLKGETSIZE64, &bytes) != 0)
+		throw system_failure("cannot read the size of " + path_.native(), errno);
+	return bytes;
+}
+
+bool File::try_lock() const
+{
+	if (flock(fd_, LOCK_EX | LOCK_NB) == 0)
+		return true;
+	if (errno != EWOULDBLOCK)
+		throw system_failure("cannot lock " + path_.native(), errno);
+	return false;
+}
+
+NewFile::NewFile(const fs::path &path)
+    : path_(path), file_(path.native() + std::string(temporary_suffix),
+			 O_RDWR | O_CREAT | O_TRUNC)
+{
+}
+
+NewFile::~NewFile()
+{
+	if (!committed_)
+		unlink(file_.path().c_str());
+}
+
+void NewFile::commit()
+{
+	file_.flush();
+	if (rename(file_.path().c_str(), path_.c_str()) != 0)
+		throw system_failure("cannot rename " + file_.path().native(), errno);
+	committed_ = true;
+	flush_directory(path_.parent_path());
+}
+
+void remove_file(const fs::path &path)
+{
+	if (unlink(path.c_str()) != 0 && errno != ENOENT)
+		throw system_failure("cannot remove " + path.native(), errno);
+}
+
+void flush_directory(const fs::path &directory)
+{
+	File(directory.empty() ? fs::path(".") : directory, O_RDONLY | O_DIRECTORY).flush();
+}
+
+void write_sealed_json(const fs::path &path, const Json &content)
+{
+	NewFile file(path);
+	file.file().write(0, bytes_of_text(seal(content.dump())));
+	file.commit();
+}
+
+Json read_sealed_json(const fs::path &path)
+{
+	const std::string text = read_text(path);
+	const size_t begin = seal_begin.size() + hash_digits + seal_middle.size();
+	if (text.size() < begin + seal_end.size())
+		throw damaged(path.native(), "it is too short");
+	const std::string content = text.substr(begin, text.size() - begin - seal_end.size());
+	if (seal(content) != text)
+		throw damaged(path.native(), "its checksum does not fit");
+	try {
+		return Json::parse(content);
+	} catch (const Json::exception &error) {
+		throw damaged(path.native(), error.what());
+	}
+}
+
+} // namespace zorvat::agent

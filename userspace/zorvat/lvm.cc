@@ -1,0 +1,130 @@
+// SPDX-License-Identifier: GPL-2.0
+/* Snapshots by the LVM tools, which report in JSON. */
+#include <algorithm>
+#include <charconv>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "failure.h"
+#include "process.h"
+#include "snapshots.h"
+
+namespace zorvat::agent
+{
+
+namespace
+{
+
+using Json = nlohmann::json;
+
+/* Tells an agent's snapshots from those that somebody else called ZKR_snapshot... */
+constexpr const char *own_tag = "zorvat_agent";
+
+/* How much of the volume may change while it is copied, unless the user says. */
+constexpr uint64_t default_share = 5; // a fifth
+constexpr uint64_t least_snapshot = uint64_t{16} << 20;
+
+Json report(const std::string &fields, const std::string &what)
+{
+	const std::string text =
+		run_program({"lvm", "lvs", "--reportformat", "json", "--units", "b", "--nosuffix",
+			     "-o", fields, "--", what});
+	try {
+		return Json::parse(text).at("report").at(0).at("lv");
+	} catch (const Json::exception &error) {
+		throw Failure(FailureCode::failed,
+			      fmt::format("'lvm lvs' printed no report: {}", error.what()));
+	}
+}
+
+uint64_t number_in(const Json &json)
+{
+	const auto text = json.get<std::string>();
+	uint64_t number = 0;
+	std::from_chars(text.data(), text.data() + text.size(), number);
+	return number;
+}
+
+/* Whole MiB: LVM rounds up to extents, and refuses when there are not enough. */
+std::string default_size(const LogicalVolume &volume)
+{
+	const uint64_t wanted = std::max(volume.size / default_share, least_snapshot);
+	return fmt::format("{}m", std::min(wanted, volume.free_in_group) >> 20);
+}
+
+class Lvm final : public SnapshotManager
+{
+public:
+	LogicalVolume find(const std::string &name) override
+	{
+		Json volumes;
+		try {
+			volumes = report("vg_name,lv_name,lv_uuid,lv_size,vg_free,lv_path,lv_attr",
+					 name);
+		} catch (const Failure &failure) {
+			throw Failure(FailureCode::not_found,
+				      fmt::format("there is no logical volume {}: {}", name,
+						  failure.what()));
+		}
+		if (volumes.size() != 1)
+			throw Failure(FailureCode::usage,
+				      name + " is not one logical volume: name it as group/volume");
+		const Json &volume = volumes[0];
+		check_attributes(name, volume.at("lv_attr"));
+		return {.group = volume.at("vg_name"),
+			.name = volume.at("lv_name"),
+			.uuid = volume.at("lv_uuid"),
+			.size = number_in(volume.at("lv_size")),
+			.free_in_group = number_in(volume.at("vg_free")),
+			.path = volume.at("lv_path").get<std::string>()};
+	}
+
+	std::vector<std::string> own_snapshots(const LogicalVolume &volume) override
+	{
+		std::vector<std::string> names;
+		for (const Json &other : report("lv_name,origin,lv_tags", volume.group)) {
+			const auto name = other.at("lv_name").get<std::string>();
+			const auto tags = other.at("lv_tags").get<std::string>();
+			if (other.at("origin") == volume.name && name.starts_with(snapshot_prefix) &&
+			    tags.find(own_tag) != std::string::npos)
+				names.push_back(name);
+		}
+		return names;
+	}
+
+	std::filesystem::path create(const LogicalVolume &volume, const std::string &name,
+				     const std::string &size) override
+	{
+		run_program({"lvm", "lvcreate", "--quiet", "--yes", "--snapshot", "--name", name,
+			     "--addtag", own_tag, "--permission", "r", "--size",
+			     size.empty() ? default_size(volume) : size, volume.full_name()});
+		return volume.path.parent_path() / name;
+	}
+
+	void remove(const LogicalVolume &volume, const std::string &name) override
+	{
+		run_program({"lvm", "lvremove", "--quiet", "--force", volume.group + "/" + name});
+	}
+
+private:
+	/* The first letter is the volume's type, the fifth its state. */
+	static void check_attributes(const std::string &name, const std::string &attributes)
+	{
+		if (attributes.size() < 5 || attributes[4] != 'a')
+			throw Failure(FailureCode::usage,
+				      name + " is not active: activate it with 'lvchange -ay'");
+		if (std::string_view("VtTsSd").find(attributes[0]) != std::string_view::npos)
+			throw Failure(FailureCode::usage,
+				      name + " is a thin volume or a snapshot: the driver does not "
+					     "see snapshots of those");
+	}
+};
+
+} // namespace
+
+std::unique_ptr<SnapshotManager> open_lvm()
+{
+	return std::make_unique<Lvm>();
+}
+
+} // namespace zorvat::agent

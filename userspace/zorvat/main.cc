@@ -1,0 +1,170 @@
+// SPDX-License-Identifier: GPL-2.0
+/* zorvat: the command line, and the exit codes that scripts rely on. */
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <string_view>
+
+#include "commands.h"
+
+namespace
+{
+
+using namespace zorvat::agent;
+
+/* Documented in zorvat(8). */
+enum ExitCode {
+	exit_ok = 0,
+	exit_failed = 1,
+	exit_usage = 2,
+	exit_no_driver = 3,
+	exit_not_found = 4,
+	exit_not_permitted = 5,
+	exit_busy = 6,
+	exit_damaged = 7,
+	exit_no_space = 8,
+	exit_interrupted = 9,
+};
+
+ExitCode exit_code(zorvat::Errc code)
+{
+	switch (code) {
+	case zorvat::Errc::driver_not_loaded:
+	case zorvat::Errc::driver_not_ready:
+		return exit_no_driver;
+	case zorvat::Errc::bad_volume_name:
+	case zorvat::Errc::unknown_volume:
+	case zorvat::Errc::unknown_disk:
+		return exit_not_found;
+	case zorvat::Errc::not_permitted:
+		return exit_not_permitted;
+	default:
+		return exit_failed;
+	}
+}
+
+ExitCode exit_code(const Failure &failure)
+{
+	if (failure.error_number() == EACCES || failure.error_number() == EPERM)
+		return exit_not_permitted;
+	switch (failure.code()) {
+	case FailureCode::failed:
+		return exit_failed;
+	case FailureCode::usage:
+		return exit_usage;
+	case FailureCode::not_found:
+		return exit_not_found;
+	case FailureCode::busy:
+		return exit_busy;
+	case FailureCode::damaged:
+		return exit_damaged;
+	case FailureCode::no_space:
+		return exit_no_space;
+	case FailureCode::interrupted:
+		return exit_interrupted;
+	}
+	return exit_failed;
+}
+
+ExitCode fail(ExitCode code, std::string_view message)
+{
+	fmt::print(stderr, "zorvat: {}\n", message);
+	return code;
+}
+
+void add_backup_options(CLI::App &app, Options &options)
+{
+	app.add_option("volume", options.backup.volume, "group/volume, or path of its device")
+		->required();
+	app.add_option("--to", options.backup.repository, "directory of the repository")
+		->required();
+	app.add_flag("--full", options.backup.full, "copy all of the volume");
+	app.add_option("--snapshot-size", options.backup.snapshot_size,
+		       "room for what is written meanwhile, as lvcreate takes it");
+	app.add_option("--compression", options.backup.compression, "level of zstd")
+		->check(CLI::Range(1, 19))
+		->capture_default_str();
+}
+
+void add_restore_options(CLI::App &app, Options &options)
+{
+	app.add_option("--to", options.target, "device or file to write to")->required();
+	app.add_flag("--force", options.force,
+		     "write although the target exists, is in use or tracked");
+	app.add_flag("--no-verify", options.no_verify, "do not read back what was written");
+}
+
+void add_mount_options(CLI::App &app, Options &options)
+{
+	app.add_option("directory", options.mount.directory, "where to mount")->required();
+	app.add_option("--type", options.mount.type, "of the file system");
+	app.add_option("-o,--options", options.mount.options, "of the file system");
+}
+
+void add_forget_options(CLI::App &app, Options &options)
+{
+	app.add_option("--keep-last", options.keep.last, "keep the last N points");
+	app.add_option("--keep-daily", options.keep.daily, "keep the last point of N days");
+	app.add_option("--keep-weekly", options.keep.weekly, "of N weeks");
+	app.add_option("--keep-monthly", options.keep.monthly, "of N months");
+	app.add_flag("--dry-run", options.dry_run, "only tell what would go");
+}
+
+void add_options_of(std::string_view name, CLI::App &app, Options &options)
+{
+	if (name == "backup")
+		return add_backup_options(app, options);
+	if (name == "umount") {
+		app.add_option("directory", options.mount.directory, "what to unmount")->required();
+		return;
+	}
+	const bool whole = name == "list" || name == "verify";
+	app.add_option("repository", options.point,
+		       whole ? "its directory" : "its directory, @ and a point; else the last one")
+		->required();
+	if (name == "restore")
+		add_restore_options(app, options);
+	if (name == "mount")
+		add_mount_options(app, options);
+	if (name == "forget")
+		add_forget_options(app, options);
+}
+
+ExitCode run(const Subcommand &subcommand, const Options &options)
+{
+	try {
+		print(subcommand.run(options));
+		return exit_ok;
+	} catch (const zorvat::Error &error) {
+		return fail(exit_code(error.code()), error.what());
+	} catch (const Failure &failure) {
+		return fail(exit_code(failure), failure.what());
+	} catch (const std::exception &error) {
+		return fail(exit_failed, error.what());
+	}
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+	Options options;
+	const Subcommand *chosen = nullptr;
+	CLI::App app("Backs up LVM volumes by what changed, and restores and browses them",
+		     "zorvat");
+	app.require_subcommand(1);
+	app.set_version_flag("--version", "zorvat " ZORVAT_VERSION);
+	app.add_flag("--json", options.json, "print JSON");
+	app.add_flag("-q,--quiet", options.quiet, "do not tell how far the work has got");
+	for (const Subcommand &subcommand : subcommands()) {
+		CLI::App *parser = app.add_subcommand(subcommand.name, subcommand.help);
+		parser->fallthrough();
+		parser->callback([&chosen, &subcommand] { chosen = &subcommand; });
+		add_options_of(subcommand.name, *parser, options);
+	}
+	try {
+		app.parse(argc, argv);
+	} catch (const CLI::ParseError &error) {
+		return app.exit(error) == 0 ? exit_ok : exit_usage;
+	}
+	return run(*chosen, options);
+}

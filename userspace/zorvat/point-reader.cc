@@ -1,0 +1,190 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "point-reader.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fmt/format.h>
+#include <sys/mman.h>
+#include <syslog.h>
+
+namespace zorvat::agent
+{
+
+namespace
+{
+
+/* Zeros: of what is read, no file holds them. */
+constexpr uint32_t no_source = UINT32_MAX;
+constexpr int attempts_to_open = 5;
+
+uint64_t blocks_of(uint64_t bytes)
+{
+	return (bytes + block_bytes - 1) / block_bytes;
+}
+
+std::vector<Piece> pieces_of(const DataReader &source, uint32_t number)
+{
+	std::vector<Piece> pieces;
+	source.for_each_entry([&](uint64_t index, const IndexEntry &entry) {
+		pieces.push_back({static_cast<uint32_t>(entry.start / block_bytes),
+				  static_cast<uint32_t>(blocks_of(entry.length)),
+				  entry.is_hole() ? no_source : number,
+				  static_cast<uint32_t>(index)});
+	});
+	return pieces;
+}
+
+class PointSource final : public BlockSource
+{
+public:
+	explicit PointSource(PointReader reader) : reader_(std::move(reader))
+	{
+	}
+
+	uint64_t size() const override
+	{
+		return reader_.size();
+	}
+
+	int read(uint64_t offset, std::span<std::byte> memory) noexcept override
+	try {
+		while (!memory.empty()) {
+			const auto run = reader_.find(offset);
+			const size_t length = std::min(run.length, memory.size());
+			if (const int number = read_fully(reader_.cache().file(), run.cache_offset,
+							  memory.first(length)))
+				return number;
+			memory = memory.subspan(length);
+			offset += length;
+		}
+		return 0;
+	} catch (const std::exception &error) {
+		if (!told_) {
+			fmt::print(stderr, "zorvat: {}\n", error.what());
+			syslog(LOG_DAEMON | LOG_ERR, "%s", error.what());
+		}
+		told_ = true;
+		return EIO;
+	}
+
+private:
+	PointReader reader_;
+	bool told_ = false;
+};
+
+} // namespace
+
+FrameCache::FrameCache() : file_(memfd_create("zorvat frames", MFD_CLOEXEC))
+{
+	constexpr size_t size = (slots + 1) * max_frame_bytes;
+	if (file_ < 0 || ftruncate(file_, size) != 0)
+		throw system_failure("cannot make a memory file", errno);
+	void *memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file_, 0);
+	if (memory == MAP_FAILED)
+		throw system_failure("cannot map a memory file", errno);
+	memory_ = {static_cast<std::byte *>(memory), size};
+}
+
+FrameCache::~FrameCache()
+{
+	munmap(memory_.data(), memory_.size());
+	close(file_);
+}
+
+uint64_t FrameCache::find_or_fill(uint64_t name,
+				  const std::function<void(std::span<std::byte>)> &fill)
+{
+	uses_++;
+	auto *slot = std::ranges::find(slots_, name, &Slot::name);
+	if (slot == std::end(slots_)) {
+		slot = std::ranges::min_element(slots_, {}, &Slot::last_use);
+		slot->name = UINT64_MAX; // in case filling it fails
+		fill(memory_.subspan((slot - slots_) * max_frame_bytes, max_frame_bytes));
+		slot->name = name;
+	}
+	slot->last_use = uses_;
+	return (slot - slots_) * max_frame_bytes;
+}
+
+/* A data file that is not there was replaced since its manifest was read, or is really missing. */
+PointReader::PointReader(const Repository &repository, const std::string &point)
+{
+	for (int left = attempts_to_open; sources_.empty();) {
+		chain_ = repository.chain_of(repository.find(point));
+		try {
+			open_chain(repository);
+		} catch (const Failure &failure) {
+			sources_.clear();
+			if (failure.code() != FailureCode::not_found)
+				throw;
+			if (--left == 0)
+				throw Failure(FailureCode::damaged, failure.what());
+		}
+	}
+	build_map();
+}
+
+void PointReader::open_chain(const Repository &repository)
+{
+	for (const Manifest &manifest : chain_)
+		sources_.push_back(std::make_unique<DataReader>(repository.data_directory(),
+								manifest.data, manifest.size,
+								manifest.id));
+}
+
+void PointReader::build_map()
+{
+	for (size_t i = 0; i < sources_.size(); i++)
+		map_.add_older(pieces_of(*sources_[i], i));
+	if (!map_.covers(blocks_of(size())))
+		throw Failure(FailureCode::damaged,
+			      fmt::format("restore point {} has not all of its blocks", point().id));
+	for (const Piece &piece : map_.pieces())
+		if (piece.source != no_source)
+			data_bytes_ += end_of(piece) - piece.block * block_bytes;
+}
+
+uint64_t PointReader::end_of(const Piece &piece) const
+{
+	return std::min(piece.end() * block_bytes, size());
+}
+
+PointReader::Run PointReader::find(uint64_t offset)
+{
+	const Piece &piece = *map_.find(offset / block_bytes);
+	const size_t length = std::min<uint64_t>(end_of(piece) - offset, max_frame_bytes);
+	if (piece.source == no_source)
+		return {cache_->zeros(), length, true};
+	DataReader &source = *sources_[piece.source];
+	const IndexEntry entry = source.entry(piece.entry);
+	if (offset < entry.start || entry.end() < offset + length)
+		throw damaged(chain_[piece.source].data.file, "its index has changed");
+	const uint64_t name = uint64_t{piece.source} << 32 | piece.entry;
+	const uint64_t slot = cache_->find_or_fill(
+		name, [&](std::span<std::byte> plain) { source.read_frame(entry, plain); });
+	return {slot + (offset - entry.start), length, false};
+}
+
+uint64_t PointReader::zeros_at(uint64_t offset) const
+{
+	const Piece &piece = *map_.find(offset / block_bytes);
+	return piece.source == no_source ? end_of(piece) - offset : 0;
+}
+
+void PointReader::read(uint64_t offset, std::span<std::byte> to)
+{
+	while (!to.empty()) {
+		const Run run = find(offset);
+		const size_t length = std::min(run.length, to.size());
+		std::memcpy(to.data(), cache_->at(run.cache_offset, length).data(), length);
+		to = to.subspan(length);
+		offset += length;
+	}
+}
+
+std::unique_ptr<BlockSource> make_source(PointReader reader)
+{
+	return std::make_unique<PointSource>(std::move(reader));
+}
+
+} // namespace zorvat::agent

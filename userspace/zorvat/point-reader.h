@@ -1,0 +1,121 @@
+// SPDX-License-Identifier: GPL-2.0
+/* Reads the volume as it was at a restore point, through the whole chain of data files. */
+#ifndef ZORVAT_AGENT_POINT_READER_H
+#define ZORVAT_AGENT_POINT_READER_H
+
+#include <functional>
+#include <memory>
+#include <vector>
+#include <zorvat/block-source.h>
+
+#include "data-reader.h"
+#include "extent-map.h"
+#include "repository.h"
+
+namespace zorvat::agent
+{
+
+/*
+ * Plain data of frames that were read lately, in a memory file: so that they can be handed on by
+ * system calls as well.
+ */
+class FrameCache
+{
+public:
+	static constexpr size_t slots = 12;
+
+	FrameCache();
+	~FrameCache();
+	FrameCache(const FrameCache &) = delete;
+	FrameCache &operator=(const FrameCache &) = delete;
+
+	/* Where the frame of that name is, or is put by the function. */
+	uint64_t find_or_fill(uint64_t name,
+			      const std::function<void(std::span<std::byte>)> &fill);
+	/* Of max_frame_bytes. */
+	uint64_t zeros() const
+	{
+		return slots * max_frame_bytes;
+	}
+
+	std::span<const std::byte> at(uint64_t offset, size_t length) const
+	{
+		return memory_.subspan(offset, length);
+	}
+	int file() const
+	{
+		return file_;
+	}
+
+private:
+	struct Slot {
+		uint64_t name = UINT64_MAX;
+		uint64_t last_use = 0;
+	};
+
+	int file_;
+	std::span<std::byte> memory_;
+	Slot slots_[slots];
+	uint64_t uses_ = 0;
+};
+
+/* Throws Failure(damaged) rather than deliver what does not fit its checksum. */
+class PointReader
+{
+public:
+	/* A run of the volume as it was found: in the cache, until the next run is asked for. */
+	struct Run {
+		uint64_t cache_offset;
+		size_t length;
+		bool zeros;
+	};
+
+	PointReader(const Repository &repository, const std::string &point);
+
+	const Manifest &point() const
+	{
+		return chain_.front();
+	}
+	uint64_t size() const
+	{
+		return point().size;
+	}
+	size_t chain_length() const
+	{
+		return chain_.size();
+	}
+	/* Of the volume, that is not zeros. */
+	uint64_t data_bytes() const
+	{
+		return data_bytes_;
+	}
+
+	/* The run that begins there; of max_frame_bytes at most, and within one frame. */
+	Run find(uint64_t offset);
+	/* A run that begins there and is zeros, of any length; 0: it is not. */
+	uint64_t zeros_at(uint64_t offset) const;
+	void read(uint64_t offset, std::span<std::byte> to);
+
+	const FrameCache &cache() const
+	{
+		return *cache_;
+	}
+
+private:
+	void open_chain(const Repository &repository);
+	void build_map();
+	uint64_t end_of(const Piece &piece) const;
+
+	std::vector<Manifest> chain_; // the newest first
+	std::vector<std::unique_ptr<DataReader>> sources_;
+	ExtentMap map_;
+	uint64_t data_bytes_ = 0;
+	std::unique_ptr<FrameCache> cache_ = std::make_unique<FrameCache>();
+};
+
+/* For a disk server; the first error is told on standard error and to syslog, and are EIO to readers. */
+std::unique_ptr<BlockSource> make_source(PointReader reader);
+
+} // namespace zorvat::agent
+
+#endif

@@ -1,0 +1,389 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "repository.h"
+
+#include <algorithm>
+#include <charconv>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <random>
+#include <set>
+
+namespace zorvat::agent
+{
+
+namespace
+{
+
+constexpr int repository_format = 1;
+constexpr std::string_view manifest_suffix = ".json";
+
+std::string random_digits(size_t count)
+{
+	std::random_device device;
+	std::string digits;
+	while (digits.size() < count)
+		digits += fmt::format("{:08x}", device());
+	return digits.substr(0, count);
+}
+
+Json to_json(const DriverRecord &driver)
+{
+	return {{"identity", driver.identity},
+		{"switch_count", driver.switch_count},
+		{"save_time", driver.save_time},
+		{"save_time_before", driver.save_time_before}};
+}
+
+DriverRecord driver_from(const Json &json)
+{
+	return {json.at("identity"), json.at("switch_count"), json.at("save_time"),
+		json.at("save_time_before")};
+}
+
+Json or_null(const std::string &text)
+{
+	return text.empty() ? Json() : Json(text);
+}
+
+std::string text_or_null(const Json &json)
+{
+	return json.is_null() ? "" : json.get<std::string>();
+}
+
+Json to_json(const Manifest &manifest)
+{
+	return {{"number", manifest.number},
+		{"id", manifest.id},
+		{"parent", or_null(manifest.parent)},
+		{"kind", manifest.is_full() ? "full" : "incremental"},
+		{"time", manifest.time},
+		{"volume_name", manifest.volume_name},
+		{"volume_uuid", manifest.volume_uuid},
+		{"size", manifest.size},
+		{"block_size", block_bytes},
+		{"reason", manifest.reason},
+		{"data",
+		 {{"file", manifest.data.file},
+		  {"length", manifest.data.length},
+		  {"entries", manifest.data.entries},
+		  {"index_xxh3_128", to_hex(manifest.data.index_hash)}}},
+		{"changed_bytes", manifest.changed_bytes},
+		{"driver", to_json(manifest.driver)}};
+}
+
+Hash128 hash_from(const std::string &hex)
+{
+	Hash128 hash = {};
+	if (hex.size() != 2 * hash.size())
+		throw std::invalid_argument("a checksum has another length");
+	for (size_t i = 0; i < hash.size(); i++) {
+		const char *digits = hex.data() + 2 * i;
+		if (std::from_chars(digits, digits + 2, hash[i], 16).ptr != digits + 2)
+			throw std::invalid_argument("a checksum has other characters");
+	}
+	return hash;
+}
+
+Manifest manifest_from(const Json &json)
+{
+	Manifest manifest;
+	json.at("number").get_to(manifest.number);
+	json.at("id").get_to(manifest.id);
+	manifest.parent = text_or_null(json.at("parent"));
+	json.at("time").get_to(manifest.time);
+	json.at("volume_name").get_to(manifest.volume_name);
+	json.at("volume_uuid").get_to(manifest.volume_uuid);
+	json.at("size").get_to(manifest.size);
+	json.at("reason").get_to(manifest.reason);
+	const Json &data = json.at("data");
+	data.at("file").get_to(manifest.data.file);
+	data.at("length").get_to(manifest.data.length);
+	data.at("entries").get_to(manifest.data.entries);
+	manifest.data.index_hash = hash_from(data.at("index_xxh3_128"));
+	json.at("changed_bytes").get_to(manifest.changed_bytes);
+	manifest.driver = driver_from(json.at("driver"));
+	if (manifest.data.file.find('/') != std::string::npos)
+		throw std::invalid_argument("its data file is in another place");
+	if (json.at("block_size") != block_bytes)
+		throw std::invalid_argument("its blocks have another size");
+	return manifest;
+}
+
+/* What is in the file, through a function that may throw what JSON libraries throw. */
+template <typename From> auto read_record(const fs::path &path, From from)
+{
+	const Json json = read_sealed_json(path);
+	try {
+		return from(json);
+	} catch (const std::exception &error) {
+		throw damaged(path.native(), error.what());
+	}
+}
+
+std::vector<fs::path> files_in(const fs::path &directory)
+{
+	std::vector<fs::path> files;
+	std::error_code error;
+	for (fs::directory_iterator entry(directory, error), end; !error && entry != end;
+	     entry.increment(error))
+		files.push_back(entry->path());
+	if (error)
+		throw system_failure("cannot list " + directory.native(), error.value());
+	return files;
+}
+
+bool is_temporary(const fs::path &path)
+{
+	return path.native().ends_with(temporary_suffix);
+}
+
+void make_directory(const fs::path &path)
+{
+	std::error_code error;
+	fs::create_directories(path, error);
+	if (error)
+		throw system_failure("cannot make " + path.native(), error.value());
+}
+
+uint64_t number_of(const std::string &id)
+{
+	uint64_t number = 0;
+	std::from_chars(id.data(), id.data() + id.size(), number);
+	return number;
+}
+
+} // namespace
+
+PointName PointName::parse(const std::string &text)
+{
+	const size_t at = text.rfind('@');
+	if (at == std::string::npos || text.find('/', at) != std::string::npos)
+		return {text, ""};
+	return {text.substr(0, at), text.substr(at + 1)};
+}
+
+Repository::Repository(const fs::path &directory) : directory_(directory)
+{
+	const fs::path identity = directory / "repository.json";
+	std::error_code ignored;
+	if (!fs::exists(identity, ignored))
+		throw Failure(FailureCode::not_found,
+			      directory.native() + " is no repository: it has no repository.json");
+	const Json json = read_sealed_json(identity);
+	try {
+		if (json.at("format") != repository_format)
+			throw Failure(FailureCode::failed,
+				      fmt::format("{} has format {}; this program reads format {}",
+						  directory.native(), json.at("format").dump(),
+						  repository_format));
+		json.at("volume_name").get_to(volume_name_);
+		json.at("volume_uuid").get_to(volume_uuid_);
+	} catch (const Json::exception &error) {
+		throw damaged(identity.native(), error.what());
+	}
+}
+
+Repository Repository::open_or_create(const fs::path &directory, const std::string &volume_name,
+				      const std::string &volume_uuid)
+{
+	const fs::path identity = directory / "repository.json";
+	if (fs::exists(identity))
+		return Repository(directory);
+	make_directory(directory);
+	/* What an interrupted creation has left may stay: it is made again. */
+	for (const fs::path &file : files_in(directory))
+		if (file.filename() != "points" && file.filename() != "data" &&
+		    file.filename() != "lock" && file.filename() != "lost+found" &&
+		    !is_temporary(file))
+			throw Failure(FailureCode::usage,
+				      directory.native() + " is neither empty nor a repository");
+	make_directory(directory / "points");
+	make_directory(directory / "data");
+	File(directory / "lock", O_RDWR | O_CREAT);
+	write_sealed_json(identity, {{"format", repository_format},
+				     {"id", random_digits(32)},
+				     {"volume_name", volume_name},
+				     {"volume_uuid", volume_uuid}});
+	return Repository(directory);
+}
+
+std::vector<Manifest> Repository::points(std::vector<std::string> &problems) const
+{
+	std::vector<Manifest> points;
+	for (const fs::path &path : files_in(points_directory())) {
+		if (is_temporary(path))
+			continue;
+		try {
+			points.push_back(read_record(path, manifest_from));
+			if (manifest_path(points.back().id) != path) {
+				points.pop_back();
+				throw damaged(path.native(), "it has another point's name");
+			}
+		} catch (const Failure &failure) {
+			std::error_code ignored;
+			if (fs::exists(path, ignored)) // else it was forgotten meanwhile
+				problems.emplace_back(failure.what());
+		}
+	}
+	std::ranges::sort(points, {}, &Manifest::number);
+	return points;
+}
+
+std::vector<Manifest> Repository::points() const
+{
+	std::vector<std::string> problems;
+	auto points = this->points(problems);
+	if (!problems.empty())
+		throw Failure(FailureCode::damaged, problems.front());
+	return points;
+}
+
+Manifest Repository::find(const std::string &point) const
+{
+	std::vector<std::string> problems;
+	const auto points = this->points(problems);
+	const auto found = std::ranges::find_if(points, [&](const Manifest &manifest) {
+		return manifest.id == point || std::to_string(manifest.number) == point;
+	});
+	if (found != points.end())
+		return *found;
+	if (!problems.empty())
+		throw Failure(FailureCode::damaged, problems.front());
+	if (point.empty() && !points.empty())
+		return points.back();
+	throw Failure(FailureCode::not_found,
+		      points.empty() ? fmt::format("{} has no restore points", directory_.native())
+				     : fmt::format("{} has no restore point {}",
+						   directory_.native(), point));
+}
+
+std::vector<Manifest> Repository::chain_of(const Manifest &point) const
+{
+	std::vector<Manifest> chain = {point};
+	while (!chain.back().is_full()) {
+		const fs::path parent = manifest_path(chain.back().parent);
+		std::error_code ignored;
+		if (!fs::exists(parent, ignored))
+			throw Failure(FailureCode::damaged,
+				      fmt::format("{} is missing; restore point {} builds on it",
+						  parent.native(), chain.back().id));
+		Manifest manifest = read_record(parent, manifest_from);
+		if (manifest.number >= chain.back().number || manifest.size != point.size)
+			throw damaged(parent.native(), "no point can build on it");
+		chain.push_back(std::move(manifest));
+	}
+	return chain;
+}
+
+File Repository::lock_for_writing() const
+{
+	File lock(directory_ / "lock", O_RDWR | O_CREAT);
+	if (!lock.try_lock())
+		throw Failure(FailureCode::busy,
+			      fmt::format("another program writes to {}", directory_.native()));
+	remove_leftovers();
+	return lock;
+}
+
+uint64_t Repository::next_number() const
+{
+	uint64_t last = 0;
+	for (const fs::path &path : files_in(points_directory()))
+		last = std::max(last, number_of(path.filename()));
+	return last + 1;
+}
+
+std::string Repository::new_data_name(uint64_t number)
+{
+	return fmt::format("{}-{}.data", number, random_digits(8));
+}
+
+void Repository::commit(const Manifest &manifest) const
+{
+	write_sealed_json(manifest_path(manifest.id), to_json(manifest));
+}
+
+void Repository::remove_manifest(const std::string &id) const
+{
+	remove_file(manifest_path(id));
+	flush_directory(points_directory());
+}
+
+std::vector<fs::path> Repository::leftovers() const
+{
+	std::vector<std::string> problems;
+	std::set<std::string> named;
+	for (const Manifest &manifest : points(problems))
+		named.insert(manifest.data.file);
+	std::vector<fs::path> leftovers;
+	for (const fs::path &path : files_in(data_directory())) {
+		/* A manifest that cannot be read may name any of them. */
+		const bool unnamed = problems.empty() && !named.contains(path.filename());
+		if (unnamed || is_temporary(path))
+			leftovers.push_back(path);
+	}
+	for (const fs::path &directory : {points_directory(), directory_})
+		for (const fs::path &path : files_in(directory))
+			if (is_temporary(path))
+				leftovers.push_back(path);
+	return leftovers;
+}
+
+void Repository::remove_leftovers() const
+{
+	for (const fs::path &path : leftovers())
+		remove_file(path);
+}
+
+std::optional<Attempt> Repository::attempt() const
+{
+	const fs::path path = directory_ / "attempt.json";
+	if (!fs::exists(path))
+		return std::nullopt;
+	return read_record(path, [](const Json &json) {
+		Attempt attempt{.snapshot = json.at("snapshot"),
+				.point = text_or_null(json.at("point")),
+				.before = driver_from(json.at("driver")),
+				.switch_count = std::nullopt,
+				.changes = {}};
+		const Json &changes = json.at("changes");
+		if (changes.is_null())
+			return attempt;
+		attempt.switch_count = json.at("switch_count").get<uint64_t>();
+		for (size_t i = 0; i + 1 < changes.size(); i += 2)
+			attempt.changes.push_back({changes[i], changes[i + 1]});
+		return attempt;
+	});
+}
+
+void Repository::write_attempt(const Attempt &attempt) const
+{
+	Json changes;
+	if (attempt.switch_count) {
+		changes = Json::array();
+		for (const BlockRun &run : attempt.changes) {
+			changes.push_back(run.first);
+			changes.push_back(run.count);
+		}
+	}
+	write_sealed_json(
+		directory_ / "attempt.json",
+		{{"snapshot", attempt.snapshot},
+		 {"point", or_null(attempt.point)},
+		 {"driver", to_json(attempt.before)},
+		 {"switch_count", attempt.switch_count ? Json(*attempt.switch_count) : Json()},
+		 {"changes", std::move(changes)}});
+}
+
+void Repository::remove_attempt() const
+{
+	remove_file(directory_ / "attempt.json");
+	flush_directory(directory_);
+}
+
+fs::path Repository::manifest_path(const std::string &id) const
+{
+	return points_directory() / (id + std::string(manifest_suffix));
+}
+
+} // namespace zorvat::agent

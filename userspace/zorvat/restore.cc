@@ -1,0 +1,232 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "restore.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <linux/fs.h>
+#include <optional>
+#include <sys/ioctl.h>
+
+#include "tracker.h"
+#include "volume-reader.h"
+
+namespace zorvat::agent
+{
+
+namespace
+{
+
+/* Whether the driver tracks the device. One that is not loaded tracks nothing. */
+bool is_tracked(const fs::path &device)
+{
+	try {
+		return open_tracker(device)->state().tracked;
+	} catch (const Error &error) {
+		if (error.code() == Errc::driver_not_loaded ||
+		    error.code() == Errc::unknown_volume)
+			return false;
+		throw;
+	}
+}
+
+/* The kernel grants O_EXCL to one holder: a mount, the device-mapper, swap, RAID, or us. */
+File open_device(const RestoreRequest &request)
+{
+	if (!request.force && is_tracked(request.target))
+		throw Failure(FailureCode::busy,
+			      request.target.native() +
+				      " is tracked: all of it would count as changed (--force)");
+	const int exclusively = request.force ? 0 : O_EXCL;
+	try {
+		return File(request.target, O_RDWR | exclusively);
+	} catch (const Failure &failure) {
+		if (failure.error_number() != EBUSY)
+			throw;
+		throw Failure(FailureCode::busy,
+			      request.target.native() + " is mounted or in use (--force)");
+	}
+}
+
+/* Where the data go. */
+class Target
+{
+public:
+	Target(const RestoreRequest &request, uint64_t size) : request_(request)
+	{
+		std::error_code ignored;
+		if (fs::is_block_file(request.target, ignored)) {
+			device_ = open_device(request);
+			if (device_.size() < size)
+				throw Failure(FailureCode::usage,
+					      fmt::format("{} is too small: it has {} bytes, the "
+							  "volume {}",
+							  request.target.native(), device_.size(),
+							  size));
+			return;
+		}
+		if (fs::exists(request.target, ignored) && !request.force)
+			throw Failure(FailureCode::busy,
+				      request.target.native() + " exists (--force)");
+		new_file_.emplace(request.target);
+		if (ftruncate(file().get(), static_cast<off_t>(size)) != 0)
+			throw system_failure("cannot make " + request.target.native() +
+						     " as long as the volume",
+					     errno);
+	}
+
+	const File &file() const
+	{
+		return new_file_ ? new_file_->file() : device_;
+	}
+
+	/* A new file is zeros where nothing was written; a device has to be told. */
+	void write_zeros(uint64_t offset, uint64_t length)
+	{
+		if (new_file_)
+			return;
+		uint64_t range[2] = {offset, length};
+		if (ioctl(file().get(), BLKZEROOUT, range) != 0)
+			throw system_failure("cannot write " + request_.target.native(), errno);
+	}
+
+	void flush()
+	{
+		file().flush();
+	}
+	void complete()
+	{
+		if (new_file_)
+			new_file_->commit();
+	}
+
+private:
+	const RestoreRequest &request_;
+	File device_;
+	std::optional<NewFile> new_file_;
+};
+
+/* Of what was written, piece by piece: 8 bytes for at most 1 MiB. */
+struct Written {
+	uint64_t offset;
+	uint32_t length;
+	uint64_t hash;
+};
+
+constexpr uint64_t zeros_at_once = uint64_t{256} << 20;
+
+class Restore
+{
+public:
+	Restore(PointReader &reader, const RestoreRequest &request, Progress &progress)
+	    : reader_(reader), request_(request), progress_(progress),
+	      target_(request, reader.size())
+	{
+	}
+
+	RestoreResult run()
+	{
+		const auto start = std::chrono::steady_clock::now();
+		write_all();
+		target_.flush();
+		if (request_.verify)
+			verify();
+		target_.complete();
+		const std::chrono::duration<double> seconds =
+			std::chrono::steady_clock::now() - start;
+		return {bytes_written_, seconds.count()};
+	}
+
+private:
+	void write_all();
+	void verify();
+	void verify_zeros(DirectFile &file, uint64_t from, uint64_t to);
+	void verify_piece(DirectFile &file, const Written &piece);
+	Failure mismatch(uint64_t offset) const;
+
+	PointReader &reader_;
+	const RestoreRequest &request_;
+	Progress &progress_;
+	Target target_;
+	AlignedBuffer buffer_{max_frame_bytes};
+	std::vector<Written> written_;
+	uint64_t bytes_written_ = 0;
+};
+
+void Restore::write_all()
+{
+	progress_.begin("restore", reader_.size());
+	for (uint64_t offset = 0; offset < reader_.size();) {
+		uint64_t length = std::min(reader_.zeros_at(offset), zeros_at_once);
+		if (length > 0) {
+			target_.write_zeros(offset, length);
+		} else {
+			const auto run = reader_.find(offset);
+			const auto bytes = reader_.cache().at(run.cache_offset, run.length);
+			target_.file().write(offset, bytes);
+			length = bytes.size();
+			bytes_written_ += length;
+			if (request_.verify)
+				written_.push_back({offset, static_cast<uint32_t>(length),
+						    hash64(bytes)});
+		}
+		offset += length;
+		progress_.advance(length);
+	}
+	progress_.end();
+}
+
+/* What the disk has, not what the cache remembers, as far as direct reads are possible. */
+void Restore::verify()
+{
+	DirectFile file(target_.file().path());
+	progress_.begin("verify", reader_.size());
+	uint64_t checked = 0;
+	for (const Written &piece : written_) {
+		verify_zeros(file, checked, piece.offset);
+		verify_piece(file, piece);
+		checked = piece.offset + piece.length;
+	}
+	verify_zeros(file, checked, reader_.size());
+	progress_.end();
+}
+
+void Restore::verify_zeros(DirectFile &file, uint64_t from, uint64_t to)
+{
+	while (from < to) {
+		const size_t length = std::min<uint64_t>(to - from, max_frame_bytes);
+		const auto bytes = buffer_.bytes().first(length);
+		file.read(from, bytes);
+		if (std::ranges::any_of(bytes, [](std::byte byte) { return byte != std::byte{}; }))
+			throw mismatch(from);
+		from += length;
+		progress_.advance(length);
+	}
+}
+
+void Restore::verify_piece(DirectFile &file, const Written &piece)
+{
+	const auto bytes = buffer_.bytes().first(piece.length);
+	file.read(piece.offset, bytes);
+	if (hash64(bytes) != piece.hash)
+		throw mismatch(piece.offset);
+	progress_.advance(piece.length);
+}
+
+Failure Restore::mismatch(uint64_t offset) const
+{
+	return Failure(FailureCode::failed,
+		       fmt::format("{} does not have at byte {} what was written there",
+				   request_.target.native(), offset));
+}
+
+} // namespace
+
+RestoreResult restore(PointReader &reader, const RestoreRequest &request, Progress &progress)
+{
+	return Restore(reader, request, progress).run();
+}
+
+} // namespace zorvat::agent
