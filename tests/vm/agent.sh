@@ -131,7 +131,7 @@ refuses_targets_in_use() {
 	zorvat restore "$repository" --to $volume -q || status=$?
 	[ $status = 6 ]
 	status=0
-	zorvat restore "$repository" --to /dev/vdb -q || status=$?
+	zorvat restore "$repository" --to /dev/vdc -q || status=$?
 	[ $status = 6 ]
 	lvm lvcreate -q -y -n spare -L 8m vg
 	status=0
@@ -159,7 +159,7 @@ forgets_without_losing_a_block() {
 
 # --- The volume and the repository, until the case ends
 
-# $volume, mounted on /mnt and written all the time; $repository, on the second disk.
+# $volume, mounted on /mnt and written all the time; $repository, on the third disk.
 use_busy_volume() {
 	use_volume 32
 	eventually 10 is_known_as_it_is $volume
@@ -167,8 +167,8 @@ use_busy_volume() {
 	repository_disk=/tmp/repository-disk
 	repository=$repository_disk/data
 	mkdir -p $repository_disk
-	make_ext4 /dev/vdb
-	mount -t ext4 /dev/vdb $repository_disk
+	make_ext4 /dev/vdc
+	mount -t ext4 /dev/vdc $repository_disk
 	defer umount $repository_disk
 	keep_files_changing
 }
@@ -177,7 +177,7 @@ keep_files_changing() {
 	fio --name=work --directory=/mnt --size=8m --rw=randwrite --bssplit=4k/80:64k/20 --fsync=64 \
 		--thread --ioengine=psync --time_based --runtime=1h --thinktime=5ms --randrepeat=0 \
 		--refill_buffers --output=/tmp/fio.log &
-	defer "killall -q fio; wait $!"
+	defer "killall -q fio; wait"
 	eventually 10 test -f /mnt/work.0.0
 }
 
@@ -185,25 +185,34 @@ keep_files_changing() {
 # changed, and is about to copy it.
 back_up_and_keep_truth() {
 	rm -f /tmp/truth
+	set +x
+	noted_snapshot
+	stale=$noted
 	zorvat backup vg/data --to "$repository" -q &
 	agent=$!
-	set +x
 	until snapshot_is_noted || ! kill -0 $agent; do :; done
 	kill -STOP $agent
 	set -x
-	dd if="$(echo /dev/vg/ZKR_snapshot_*)" of=/tmp/truth bs=1M 2>/dev/null
+	dd if="/dev/vg/$noted" of=/tmp/truth bs=1M 2>/dev/null
 	kill -CONT $agent
 	wait $agent
 	[ "$(stat -c %s /tmp/truth)" = "$(blockdev --getsize64 $volume)" ]
 }
 
-# Without a program: it has to be quicker than the agent.
+# These run no program: they have to be quicker than the agent.
 snapshot_is_noted() {
-	{ read -r line && read -r line; } 2>/dev/null <"$repository/attempt.json" || return 1
+	noted_snapshot
+	[ "$noted" != "$stale" ] && [ -b "/dev/vg/$noted" ]
+}
+
+noted_snapshot() { # $noted, if what it changed was noted
+	noted=
+	{ read -r line && read -r line; } 2>/dev/null <"$repository/attempt.json" || return 0
 	case $line in
-	*'"switch_count":null'*) return 1 ;;
-	*) return 0 ;;
+	*'"switch_count":null'*) return 0 ;;
 	esac
+	noted=${line#*'"snapshot":"'}
+	noted=${noted%%'"'*}
 }
 
 restore_equals() { # REPOSITORY[@POINT] FILE

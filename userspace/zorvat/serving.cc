@@ -149,11 +149,14 @@ void mount_disk(const DiskServer &server, const MountRequest &request)
 				     errno);
 }
 
-/* The process in the background. Says "+DEVICE" once it serves, or "-MESSAGE". */
+/* The process in the background. Says "+DEVICE" once it serves, or "-MESSAGE",
+ * and a zero byte.
+ */
 void serve_mounted(PointReader reader, const MountRequest &request, int answer)
 {
 	const auto say = [answer](const std::string &text) {
-		[[maybe_unused]] const ssize_t count = write(answer, text.data(), text.size());
+		[[maybe_unused]] const ssize_t count =
+			write(answer, text.c_str(), text.size() + 1);
 		close(answer);
 	};
 	bool ready = false;
@@ -178,15 +181,17 @@ void serve_mounted(PointReader reader, const MountRequest &request, int answer)
 	}
 }
 
-std::string read_to_end(int fd)
+/* Up to a zero byte: threads with tables of open files of their own keep the pipe's other end. */
+std::string read_answer(int fd)
 {
 	std::string text;
-	std::array<char, 512> buffer;
-	for (ssize_t count; (count = read(fd, buffer.data(), buffer.size())) != 0;)
-		if (count > 0)
-			text.append(buffer.data(), count);
-		else if (errno != EINTR)
+	for (char next = 0; text.empty() || next != 0;) {
+		const ssize_t count = read(fd, &next, 1);
+		if (count == 0 || (count < 0 && errno != EINTR))
 			break;
+		if (count > 0 && next != 0)
+			text += next;
+	}
 	return text;
 }
 
@@ -231,7 +236,7 @@ std::string mount_point(const PointName &name, const MountRequest &request)
 		_exit(0);
 	}
 	close(answer[1]);
-	const std::string text = read_to_end(answer[0]);
+	const std::string text = read_answer(answer[0]);
 	close(answer[0]);
 	if (!text.starts_with('+'))
 		throw Failure(FailureCode::failed,
