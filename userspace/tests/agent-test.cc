@@ -1,0 +1,405 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * The agent against a machine that tracks as the driver does: backups that are killed anywhere, what
+ * others do to the bitmap, damaged files, full disks, forgotten points.
+ */
+#include "agent-fixture.h"
+
+#include <csignal>
+#include <dlfcn.h>
+#include <sys/wait.h>
+
+#include "block-runs.h"
+#include "extent-map.h"
+#include "point-reader.h"
+#include "restore.h"
+#include "retention.h"
+
+namespace
+{
+
+/* Set in a process that is to die: then each call by which files change is a step. */
+zorvat::agent::Machine *mortal = nullptr;
+
+template <typename... Arguments> int real(const char *name, Arguments... arguments)
+{
+	if (mortal)
+		mortal->step();
+	return reinterpret_cast<int (*)(Arguments...)>(dlsym(RTLD_NEXT, name))(arguments...);
+}
+
+} // namespace
+
+/* These take the place of the C library's in this program. */
+extern "C" int rename(const char *from, const char *to) noexcept
+{
+	return real("rename", from, to);
+}
+extern "C" int unlink(const char *path) noexcept
+{
+	return real("unlink", path);
+}
+extern "C" int fsync(int fd)
+{
+	return real("fsync", fd);
+}
+
+namespace zorvat::agent
+{
+
+namespace
+{
+
+Progress silent()
+{
+	return Progress(Progress::silent);
+}
+
+std::vector<char> read_point(const Repository &repository, const std::string &point)
+{
+	PointReader reader(repository, point);
+	std::vector<char> content(reader.size());
+	reader.read(0, std::as_writable_bytes(std::span(content)));
+	return content;
+}
+
+std::vector<std::string> problems_in(const Repository &repository)
+{
+	Progress progress = silent();
+	return verify(repository, progress);
+}
+
+/* Runs in a process of its own, that dies after so many steps. Returns whether it did. */
+template <typename Work> bool dies(Machine &machine, int steps, Work work)
+{
+	const pid_t process = fork();
+	if (process == 0) {
+		machine.steps_left = steps;
+		mortal = &machine;
+		try {
+			work();
+		} catch (...) {
+			_exit(1);
+		}
+		_exit(0);
+	}
+	int status = 0;
+	waitpid(process, &status, 0);
+	machine.steps_left = 1 << 30;
+	EXPECT_TRUE(WIFEXITED(status) && (WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == 9));
+	return WEXITSTATUS(status) == 9;
+}
+
+std::vector<fs::path> files_below(const fs::path &directory)
+{
+	std::vector<fs::path> files;
+	for (const auto &entry : fs::recursive_directory_iterator(directory))
+		if (entry.is_regular_file() && entry.file_size() > 0)
+			files.push_back(entry.path());
+	return files;
+}
+
+} // namespace
+
+TEST_F(AgentTest, points_are_the_snapshots_they_were_made_from)
+{
+	std::minstd_rand random(1);
+	std::vector<std::vector<char>> truths;
+	for (int round = 0; round < 12; round++) {
+		write_some(random);
+		const auto result = back_up(round == 7);
+		EXPECT_EQ(result.point.is_full(), round == 0 || round == 7);
+		truths.push_back(truth());
+	}
+	const Repository repository(repository_);
+	for (size_t i = 0; i < truths.size(); i++)
+		EXPECT_EQ(read_point(repository, std::to_string(i + 1)), truths[i]);
+	EXPECT_TRUE(problems_in(repository).empty());
+	EXPECT_FALSE(repository.attempt());
+}
+
+/* At every step, of the first backup, of an increment, and of one after an interrupted one. */
+TEST_F(AgentTest, a_backup_killed_at_any_step_loses_nothing)
+{
+	std::minstd_rand random(2);
+	int incremental = 0, deaths = 0;
+	for (int steps = 0;; steps++) {
+		write_some(random);
+		if (steps % 3 == 0)
+			back_up();
+		write_some(random);
+		if (!dies(*machine_, steps, [&] { back_up(); }))
+			break;
+		deaths++;
+		if (fs::exists(repository_ / "repository.json")) {
+			EXPECT_TRUE(problems_in(Repository(repository_)).empty()) << steps;
+		}
+		write_some(random);
+		if (steps % 2 == 0)
+			dies(*machine_, random() % 30, [&] { back_up(); });
+		write_some(random);
+		incremental += !back_up().point.is_full();
+		const Repository repository(repository_);
+		ASSERT_EQ(read_point(repository, ""), truth()) << "killed at step " << steps;
+		EXPECT_TRUE(repository.leftovers().empty());
+		EXPECT_EQ(machine_->snapshot[0], 0);
+	}
+	EXPECT_GT(deaths, 25);
+	EXPECT_GT(incremental, deaths * 3 / 4); // being killed is no excuse for a full backup
+	const Repository repository(repository_);
+	EXPECT_TRUE(problems_in(repository).empty());
+}
+
+TEST_F(AgentTest, whatever_others_do_to_the_bitmap_leads_to_a_full_backup)
+{
+	struct {
+		const char *what;
+		void (*happens)(Machine &);
+		bool full;
+	} const cases[] = {
+		{"nothing", [](Machine &) {}, false},
+		{"a switch and a clear",
+		 [](Machine &machine) {
+			 machine.switch_bitmap();
+			 machine.has_frozen = false;
+		 },
+		 true},
+		{"a reload",
+		 [](Machine &machine) {
+			 machine.identity++;
+			 machine.tracked = false;
+			 machine.save_time = 0;
+			 machine.switches = 0;
+		 },
+		 true},
+		{"a restart of the tracking",
+		 [](Machine &machine) {
+			 machine.switches = 0;
+			 machine.live.fill(false);
+		 },
+		 true},
+		{"a stop", [](Machine &machine) { machine.tracked = false; }, true},
+		{"another agent", [](Machine &machine) { machine.save_time++; }, true},
+	};
+	std::minstd_rand random(3);
+	back_up();
+	for (const auto &[what, happens, full] : cases) {
+		write_some(random);
+		happens(*machine_);
+		const auto point = back_up().point;
+		EXPECT_EQ(point.is_full(), full) << what;
+		EXPECT_EQ(point.reason.empty(), !full) << what;
+		EXPECT_EQ(read_point(Repository(repository_), ""), truth()) << what;
+		/* And the next one is an increment again. */
+		EXPECT_FALSE(back_up().point.is_full()) << what;
+		EXPECT_EQ(read_point(Repository(repository_), ""), truth()) << what;
+	}
+}
+
+/* The frozen bitmap of an interrupted backup is dropped: its changes are in the attempt. */
+TEST_F(AgentTest, a_clear_after_an_interrupted_backup_loses_nothing)
+{
+	back_up();
+	machine_->write(3, 1);
+	machine_->fails_on_snapshot_read = true;
+	EXPECT_THROW(back_up(), Failure);
+	machine_->fails_on_snapshot_read = false;
+	machine_->has_frozen = false;
+	machine_->write(5, 2);
+	EXPECT_FALSE(back_up().point.is_full());
+	EXPECT_EQ(read_point(Repository(repository_), ""), truth());
+}
+
+TEST_F(AgentTest, a_repository_without_room_stays_sound)
+{
+	std::minstd_rand random(4);
+	for (size_t block = 0; block < fake_blocks; block++)
+		for (size_t i = 0; i < block_bytes && block * block_bytes + i < fake_size; i++)
+			machine_->content[block * block_bytes + i] = std::byte(random() >> 8);
+	back_up();
+	machine_->live.fill(true);
+	std::signal(SIGXFSZ, SIG_IGN);
+	rlimit unlimited;
+	getrlimit(RLIMIT_FSIZE, &unlimited);
+	machine_->room = 1 << 20;
+	try {
+		back_up();
+		ADD_FAILURE();
+	} catch (const Failure &failure) {
+		EXPECT_EQ(failure.code(), FailureCode::no_space) << failure.what();
+	}
+	machine_->room = 0;
+	setrlimit(RLIMIT_FSIZE, &unlimited);
+	EXPECT_TRUE(problems_in(Repository(repository_)).empty());
+	EXPECT_EQ(machine_->snapshot[0], 0);
+	EXPECT_FALSE(back_up().point.is_full());
+	EXPECT_EQ(read_point(Repository(repository_), ""), truth());
+}
+
+/* In every file, bytes spread over all of it, and all of the small records at both ends. */
+TEST_F(AgentTest, a_flipped_byte_is_found_and_named)
+{
+	std::minstd_rand random(5);
+	for (int round = 0; round < 3; round++) {
+		write_some(random);
+		machine_->write(1, round + 1);
+		back_up();
+	}
+	for (const fs::path &path : files_below(repository_)) {
+		if (path.filename() == "repository.json")
+			continue; // see below
+		const auto size = fs::file_size(path);
+		for (uint64_t at = 0; at < size; at += at < 40 || at + 400 > size ? 1 : 13) {
+			std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+			file.seekg(static_cast<off_t>(at));
+			const char original = static_cast<char>(file.get());
+			file.seekp(static_cast<off_t>(at));
+			file.put(static_cast<char>(original ^ (1 << random() % 8))).flush();
+			const auto problems = problems_in(Repository(repository_));
+			ASSERT_FALSE(problems.empty()) << path << " at " << at;
+			EXPECT_NE(problems.front().find(path.filename()), std::string::npos)
+				<< problems.front();
+			file.seekp(static_cast<off_t>(at));
+			file.put(original);
+		}
+	}
+	EXPECT_TRUE(problems_in(Repository(repository_)).empty());
+	std::fstream(repository_ / "repository.json", std::ios::in | std::ios::out).put('[');
+	EXPECT_THROW(Repository{repository_}, Failure);
+}
+
+TEST_F(AgentTest, a_damaged_point_is_not_restored_and_not_built_upon)
+{
+	back_up();
+	machine_->write(1, 1);
+	const auto second = back_up().point;
+	{
+		std::fstream file(repository_ / "data" / second.data.file,
+				  std::ios::in | std::ios::out);
+		file.seekp(sizeof(DataHeader) + 10);
+		file.put('!');
+	}
+	Progress progress = silent();
+	PointReader reader(Repository(repository_), "");
+	const fs::path target = directory_ / "restored";
+	EXPECT_THROW(restore(reader, {.target = target}, progress), Failure);
+	EXPECT_FALSE(fs::exists(target));
+	std::byte byte;
+	EXPECT_EQ(make_source(PointReader(Repository(repository_), ""))
+			  ->read(block_bytes, std::span(&byte, 1)),
+		  EIO);
+	EXPECT_EQ(read_point(Repository(repository_), "1").size(), fake_size);
+
+	const fs::path manifest = repository_ / "points" / (second.id + ".json");
+	fs::resize_file(manifest, fs::file_size(manifest) - 1);
+	EXPECT_EQ(back_up().point.reason, "the repository is damaged");
+	EXPECT_EQ(read_point(Repository(repository_), "3"), truth());
+	EXPECT_TRUE(fs::exists(repository_ / "data" / second.data.file));
+}
+
+TEST_F(AgentTest, restore_writes_and_reads_back)
+{
+	std::minstd_rand random(6);
+	write_some(random);
+	back_up();
+	Progress progress = silent();
+	PointReader reader(Repository(repository_), "");
+	const fs::path target = directory_ / "restored";
+	restore(reader, {.target = target}, progress);
+	std::ifstream file(target, std::ios::binary);
+	EXPECT_EQ(std::vector<char>(std::istreambuf_iterator<char>(file), {}), truth());
+	EXPECT_THROW(restore(reader, {.target = target}, progress), Failure);
+}
+
+/* Random sets are forgotten, killed at random steps, until one is through. */
+TEST_F(AgentTest, forgetting_loses_no_block_of_what_is_kept)
+{
+	std::minstd_rand random(7);
+	for (int repetition = 0; repetition < 8; repetition++) {
+		fs::remove_all(repository_);
+		std::map<std::string, std::vector<char>> truths;
+		for (int round = 0; round < 10; round++) {
+			write_some(random);
+			const std::string id = back_up(round == 6).point.id;
+			truths[id] = truth();
+		}
+		std::set<std::string> keep = {truths.rbegin()->first};
+		for (const auto &[id, content] : truths)
+			if (random() % 3 == 0)
+				keep.insert(id);
+		const auto forget_rest = [&] {
+			const Repository repository(repository_);
+			const File lock = repository.lock_for_writing();
+			Progress progress = silent();
+			forget(repository, keep, progress);
+		};
+		for (int steps = 0; dies(*machine_, steps, forget_rest); steps += 1 + random() % 3)
+			for (const std::string &id : keep)
+				ASSERT_EQ(read_point(Repository(repository_), id), truths[id]);
+		const Repository repository(repository_);
+		EXPECT_EQ(repository.points().size(), keep.size());
+		for (const std::string &id : keep)
+			ASSERT_EQ(read_point(repository, id), truths[id]);
+		EXPECT_TRUE(problems_in(repository).empty());
+		EXPECT_TRUE(repository.leftovers().empty());
+	}
+}
+
+TEST(Retention, keeps_the_newest_of_each_period)
+{
+	constexpr int64_t day = 86400, first = 20000 * day; // 2024-10-04
+	std::vector<Manifest> points;
+	for (int64_t half_days = 0; half_days < 120; half_days++) {
+		points.emplace_back();
+		points.back().id = std::to_string(half_days);
+		points.back().time = first + half_days * day / 2;
+	}
+	/* The last day is Monday, 2024-12-02. */
+	using Ids = std::set<std::string>;
+	EXPECT_EQ(points_to_keep(points, {}), Ids({"119"}));
+	EXPECT_EQ(points_to_keep(points, {.last = 3}), Ids({"119", "118", "117"}));
+	EXPECT_EQ(points_to_keep(points, {.daily = 3}), Ids({"119", "117", "115"}));
+	EXPECT_EQ(points_to_keep(points, {.weekly = 3}), Ids({"119", "117", "103"}));
+	EXPECT_EQ(points_to_keep(points, {.last = 1, .monthly = 2}), Ids({"119", "115"}));
+}
+
+/* Against a map of single blocks. */
+TEST(ExtentMapTest, the_newest_source_of_each_block_wins)
+{
+	std::minstd_rand random(8);
+	for (int repetition = 0; repetition < 300; repetition++) {
+		ExtentMap map;
+		std::map<uint32_t, uint32_t> source_of;
+		for (uint32_t source = 0; source < 5; source++) {
+			std::vector<Piece> pieces;
+			for (uint32_t block = random() % 5; block < 60;) {
+				const uint32_t count = 1 + random() % 9;
+				pieces.push_back({block, count, source, 0});
+				for (uint32_t i = block; i < block + count; i++)
+					source_of.emplace(i, source);
+				block += count + random() % 7;
+			}
+			map.add_older(pieces);
+		}
+		for (uint32_t block = 0; block < 80; block++) {
+			const Piece *piece = map.find(block);
+			const auto expected = source_of.find(block);
+			ASSERT_EQ(piece != nullptr, expected != source_of.end());
+			if (piece) {
+				ASSERT_EQ(piece->source, expected->second);
+			}
+		}
+	}
+}
+
+TEST(BlockRuns, cover_what_extents_touch)
+{
+	using Runs = std::vector<BlockRun>;
+	constexpr uint64_t size = 10 * block_bytes + 512;
+	EXPECT_EQ(runs_of({{127, 2, false}, {300, 20, false}, {1270, 400, true}}, size),
+		  Runs({{0, 3}, {9, 2}}));
+	EXPECT_EQ(union_of(Runs{{0, 2}, {6, 1}}, Runs{{1, 3}, {5, 1}}), Runs({{0, 4}, {5, 2}}));
+	EXPECT_EQ(bytes_of_runs(all_blocks(size), size), size);
+}
+
+} // namespace zorvat::agent
