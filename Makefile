@@ -2,9 +2,9 @@
 # The front door. Every target first installs what it needs of debian-packages.txt.
 #
 #   make [module] [KDIR=DIR]  zorvat.ko for the kernel whose build directory is DIR
-#   make userspace            libzorvat and zorvatctl, in build/plain
+#   make userspace            libzorvat, zorvatctl and zorvat, in build/plain
 #   make test                 all checks; closes with "N passed, N failed"
-#   make demo                 an incremental backup before your eyes, in a virtual machine
+#   make demo                 backups and a restore before your eyes, in a virtual machine
 #   make bench                what tracking costs
 #   make lint                 formatting and clang-tidy
 #   make clean

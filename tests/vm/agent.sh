@@ -41,11 +41,11 @@ killed_at_random() { # ROUNDS
 		usleep $(($(random) % 1500000))
 		kill -9 $agent || true
 		wait $agent || true
-		[ ! -e "$repository/repository.json" ] || zorvat verify "$repository" -q
+		zorvat verify "$repository" -q
+		back_up_and_keep_truth
+		restore_equals "$repository" /tmp/truth
+		nothing_is_left
 	done
-	back_up_and_keep_truth
-	restore_equals "$repository" /tmp/truth
-	nothing_is_left
 }
 
 no_room_in_the_repository() {
@@ -216,6 +216,7 @@ noted_snapshot() { # $noted, if what it changed was noted
 }
 
 restore_equals() { # REPOSITORY[@POINT] FILE
+	rm -f /tmp/restored
 	zorvat restore "$1" --to /tmp/restored -q
 	oracle equal /tmp/restored "$2"
 	rm /tmp/restored

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
  * A machine with one volume, as the agent sees it: the driver tracks by its own rules, LVM takes
- * snapshots. It lives in memory that processes share, so that a backup can be killed and the machine
- * goes on.
+ * snapshots. It lives in memory that processes share, so that a backup can be killed and the
+ * machine goes on.
  */
 #ifndef AGENT_FIXTURE_H
 #define AGENT_FIXTURE_H
@@ -193,7 +193,8 @@ class AgentTest : public testing::Test
 protected:
 	AgentTest()
 	{
-		std::string name = (std::filesystem::temp_directory_path() / "agent.XXXXXX").native();
+		std::string name =
+			(std::filesystem::temp_directory_path() / "agent.XXXXXX").native();
 		directory_ = mkdtemp(name.data());
 		repository_ = directory_ / "repository";
 	}
@@ -207,19 +208,19 @@ protected:
 	{
 		Progress progress(Progress::silent);
 		FakeSnapshots snapshots(*machine_, directory_);
-		return agent::back_up(
-			{.snapshots = snapshots,
-			 .open_tracker =
-				 [this](const std::string &) {
-					 return std::make_unique<FakeTracker>(*machine_);
-				 },
-			 .lock_directory = directory_},
-			{.volume = "vg/data",
-			 .repository = repository_,
-			 .snapshot_size = {},
-			 .full = full,
-			 .compression = 1},
-			progress);
+		return agent::back_up({.snapshots = snapshots,
+				       .open_tracker =
+					       [this](const std::string &) {
+						       return std::make_unique<FakeTracker>(
+							       *machine_);
+					       },
+				       .lock_directory = directory_},
+				      {.volume = "vg/data",
+				       .repository = repository_,
+				       .snapshot_size = {},
+				       .full = full,
+				       .compression = 1},
+				      progress);
 	}
 
 	/* What the last snapshot held. */

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
- * The agent against a machine that tracks as the driver does: backups that are killed anywhere, what
- * others do to the bitmap, damaged files, full disks, forgotten points.
+ * The agent against a machine that tracks as the driver does: backups that are killed anywhere,
+ * what others do to the bitmap, damaged files, full disks, forgotten points.
  */
 #include "agent-fixture.h"
 

@@ -154,7 +154,8 @@ void Backup::look_at_history()
 	}
 }
 
-/* With an attempt's snapshot goes the only proof that the switch was the attempt's: it is noted first.
+/* With an attempt's snapshot goes the only proof that the switch was the attempt's: it is noted
+ * first.
  */
 void Backup::remove_old_snapshots()
 {
@@ -268,7 +269,8 @@ void Backup::forget_changes()
 {
 	const bool switched = after_.switch_count == attempt_.before.switch_count + 1;
 	if (!after_.tracked || !switched || tracker_->state().switch_count != after_.switch_count) {
-		progress_.note("the driver's changes are kept: they may be more than was backed up");
+		progress_.note(
+			"the driver's changes are kept: they may be more than was backed up");
 		return;
 	}
 	tracker_->clear();
@@ -277,7 +279,8 @@ void Backup::forget_changes()
 		return;
 	/* Changes may have been dropped with the bitmap. No manifest has this save time. */
 	tracker_->set_save_time(new_save_time(now.save_time));
-	progress_.note("somebody else switched the bitmap meanwhile: the next backup is a full one");
+	progress_.note(
+		"somebody else switched the bitmap meanwhile: the next backup is a full one");
 }
 
 BackupResult Backup::run()
@@ -329,8 +332,8 @@ std::string why_full(const TrackerState &state, uint64_t size, const Manifest *l
 	if (!attempt && state.switch_count != expected)
 		return fmt::format("the bitmap was switched {} times instead of {}",
 				   state.switch_count, expected);
-	if (attempt && state.switch_count !=
-			       attempt->switch_count.value_or(attempt->before.switch_count))
+	if (attempt &&
+	    state.switch_count != attempt->switch_count.value_or(attempt->before.switch_count))
 		return "the bitmap was switched by somebody else since an interrupted backup";
 	return "";
 }

@@ -14,7 +14,8 @@ namespace zorvat::agent
 /* The blocks that the extents touch, up to the volume's end; size in bytes. */
 std::vector<BlockRun> runs_of(const std::vector<Extent> &extents, uint64_t size);
 std::vector<BlockRun> all_blocks(uint64_t size);
-std::vector<BlockRun> union_of(const std::vector<BlockRun> &one, const std::vector<BlockRun> &other);
+std::vector<BlockRun> union_of(const std::vector<BlockRun> &one,
+			       const std::vector<BlockRun> &other);
 /* In bytes, within a volume of that size. */
 uint64_t bytes_of_runs(const std::vector<BlockRun> &runs, uint64_t size);
 

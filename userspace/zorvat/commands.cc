@@ -51,7 +51,8 @@ void remove_leftovers_of_servers(Progress &progress)
 {
 	try {
 		for (const std::string &name : remove_dead_disks())
-			progress.note("removed the restore disk " + name + ", whose server is gone");
+			progress.note("removed the restore disk " + name +
+				      ", whose server is gone");
 	} catch (const Error &error) {
 		progress.note(error.what());
 	}
@@ -63,8 +64,8 @@ std::string backup(const Options &options)
 	Progress progress = progress_for(options);
 	remove_leftovers_of_servers(progress);
 	const auto lvm = open_lvm();
-	const BackupResult result =
-		back_up({.snapshots = *lvm, .open_tracker = open_tracker}, options.backup, progress);
+	const BackupResult result = back_up({.snapshots = *lvm, .open_tracker = open_tracker},
+					    options.backup, progress);
 	if (options.json) {
 		Json json = summary_of(result.point);
 		json["reason"] = result.point.reason;
@@ -166,9 +167,9 @@ std::string show(const Options &options)
 		     {"data_bytes", reader.data_bytes()}});
 	if (options.json)
 		return dump(json);
-	std::string text = fmt::format(
-		"point {}\ntime {} UTC\nvolume {}, {}\nkind {}\n", point.id, time_text(point.time),
-		point.volume_name, human_bytes(point.size), kind_of(point));
+	std::string text = fmt::format("point {}\ntime {} UTC\nvolume {}, {}\nkind {}\n", point.id,
+				       time_text(point.time), point.volume_name,
+				       human_bytes(point.size), kind_of(point));
 	if (point.is_full())
 		text += fmt::format("full because {}\n", point.reason);
 	else

@@ -65,7 +65,8 @@ void DataReader::check_footer()
 		throw damage("its footer makes no sense");
 }
 
-void DataReader::for_each_entry(const std::function<void(uint64_t, const IndexEntry &)> &visit) const
+void DataReader::for_each_entry(
+	const std::function<void(uint64_t, const IndexEntry &)> &visit) const
 {
 	RunningHash128 hash;
 	std::vector<IndexEntry> entries;
@@ -93,9 +94,9 @@ void DataReader::check_entry(const IndexEntry &entry, uint64_t covered, uint64_t
 	const bool lies_well = entry.start >= covered && entry.start % block_bytes == 0 &&
 			       entry.length > 0 && entry.length <= volume_size_ &&
 			       entry.start <= volume_size_ - entry.length;
-	const bool frame_fits = entry.is_hole() || (entry.length <= max_frame_bytes &&
-						    entry.offset == offset &&
-						    entry.stored <= stored_.size());
+	const bool frame_fits =
+		entry.is_hole() || (entry.length <= max_frame_bytes && entry.offset == offset &&
+				    entry.stored <= stored_.size());
 	if (!ends_well || !lies_well || !frame_fits)
 		throw damage("its index's checksum does not fit");
 }

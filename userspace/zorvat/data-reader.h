@@ -11,7 +11,6 @@
 #include "data-writer.h"
 #include "files.h"
 
-
 struct ZSTD_DCtx_s;
 
 namespace zorvat::agent

@@ -39,7 +39,8 @@ DataWriter::DataWriter(const fs::path &directory, const std::string &name, uint6
 		       int compression)
     : name_(name), compression_(compression), file_(directory / name),
       index_(nameless_file(directory / (name + ".index" + std::string(temporary_suffix)))),
-      compressor_(ZSTD_createCCtx(), ZSTD_freeCCtx), compressed_(ZSTD_compressBound(max_frame_bytes))
+      compressor_(ZSTD_createCCtx(), ZSTD_freeCCtx),
+      compressed_(ZSTD_compressBound(max_frame_bytes))
 {
 	if (!compressor_)
 		throw std::bad_alloc();
@@ -139,9 +140,9 @@ void DataWriter::spill_index()
 void DataWriter::copy_index_into_file()
 {
 	for (uint64_t done = 0; done < spilled_;) {
-		const auto piece = std::span(compressed_)
-					   .first(std::min<uint64_t>(compressed_.size(),
-								     spilled_ - done));
+		const auto piece =
+			std::span(compressed_)
+				.first(std::min<uint64_t>(compressed_.size(), spilled_ - done));
 		index_.read(done, piece);
 		file_.file().write(position_ + done, piece);
 		done += piece.size();

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
- * Where each block of a restore point is: one sorted list for the whole chain of data files, so that
- * reading through many increments costs as much as through one.
+ * Where each block of a restore point is: one sorted list for the whole chain of data files, so
+ * that reading through many increments costs as much as through one.
  */
 #ifndef ZORVAT_AGENT_EXTENT_MAP_H
 #define ZORVAT_AGENT_EXTENT_MAP_H

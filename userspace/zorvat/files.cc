@@ -120,8 +120,7 @@ bool File::try_lock() const
 }
 
 NewFile::NewFile(const fs::path &path)
-    : path_(path), file_(path.native() + std::string(temporary_suffix),
-			 O_RDWR | O_CREAT | O_TRUNC)
+    : path_(path), file_(path.native() + std::string(temporary_suffix), O_RDWR | O_CREAT | O_TRUNC)
 {
 }
 

@@ -68,7 +68,8 @@ public:
 	void flush() const;
 	/* In bytes; of a block device, its capacity. */
 	uint64_t size() const;
-	/* Waits for nobody: returns whether the exclusive lock is now ours, until the file closes. */
+	/* Waits for nobody: returns whether the exclusive lock is now ours, until the file closes.
+	 */
 	bool try_lock() const;
 
 private:

@@ -26,9 +26,8 @@ constexpr uint64_t least_snapshot = uint64_t{16} << 20;
 
 Json report(const std::string &fields, const std::string &what)
 {
-	const std::string text =
-		run_program({"lvm", "lvs", "--reportformat", "json", "--units", "b", "--nosuffix",
-			     "-o", fields, "--", what});
+	const std::string text = run_program({"lvm", "lvs", "--reportformat", "json", "--units",
+					      "b", "--nosuffix", "-o", fields, "--", what});
 	try {
 		return Json::parse(text).at("report").at(0).at("lv");
 	} catch (const Json::exception &error) {
@@ -85,7 +84,8 @@ public:
 		for (const Json &other : report("lv_name,origin,lv_tags", volume.group)) {
 			const auto name = other.at("lv_name").get<std::string>();
 			const auto tags = other.at("lv_tags").get<std::string>();
-			if (other.at("origin") == volume.name && name.starts_with(snapshot_prefix) &&
+			if (other.at("origin") == volume.name &&
+			    name.starts_with(snapshot_prefix) &&
 			    tags.find(own_tag) != std::string::npos)
 				names.push_back(name);
 		}

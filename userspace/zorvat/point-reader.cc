@@ -127,9 +127,8 @@ PointReader::PointReader(const Repository &repository, const std::string &point)
 void PointReader::open_chain(const Repository &repository)
 {
 	for (const Manifest &manifest : chain_)
-		sources_.push_back(std::make_unique<DataReader>(repository.data_directory(),
-								manifest.data, manifest.size,
-								manifest.id));
+		sources_.push_back(std::make_unique<DataReader>(
+			repository.data_directory(), manifest.data, manifest.size, manifest.id));
 }
 
 void PointReader::build_map()
@@ -137,8 +136,9 @@ void PointReader::build_map()
 	for (size_t i = 0; i < sources_.size(); i++)
 		map_.add_older(pieces_of(*sources_[i], i));
 	if (!map_.covers(blocks_of(size())))
-		throw Failure(FailureCode::damaged,
-			      fmt::format("restore point {} has not all of its blocks", point().id));
+		throw Failure(
+			FailureCode::damaged,
+			fmt::format("restore point {} has not all of its blocks", point().id));
 	for (const Piece &piece : map_.pieces())
 		if (piece.source != no_source)
 			data_bytes_ += end_of(piece) - piece.block * block_bytes;

@@ -30,8 +30,7 @@ public:
 	FrameCache &operator=(const FrameCache &) = delete;
 
 	/* Where the frame of that name is, or is put by the function. */
-	uint64_t find_or_fill(uint64_t name,
-			      const std::function<void(std::span<std::byte>)> &fill);
+	uint64_t find_or_fill(uint64_t name, const std::function<void(std::span<std::byte>)> &fill);
 	/* Of max_frame_bytes. */
 	uint64_t zeros() const
 	{
@@ -113,7 +112,8 @@ private:
 	std::unique_ptr<FrameCache> cache_ = std::make_unique<FrameCache>();
 };
 
-/* For a disk server; the first error is told on standard error and to syslog, and are EIO to readers. */
+/* For a disk server; the first error is told on standard error and to syslog, and are EIO to
+ * readers. */
 std::unique_ptr<BlockSource> make_source(PointReader reader);
 
 } // namespace zorvat::agent

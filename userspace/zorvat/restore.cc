@@ -25,8 +25,7 @@ bool is_tracked(const fs::path &device)
 	try {
 		return open_tracker(device)->state().tracked;
 	} catch (const Error &error) {
-		if (error.code() == Errc::driver_not_loaded ||
-		    error.code() == Errc::unknown_volume)
+		if (error.code() == Errc::driver_not_loaded || error.code() == Errc::unknown_volume)
 			return false;
 		throw;
 	}
@@ -169,8 +168,8 @@ void Restore::write_all()
 			length = bytes.size();
 			bytes_written_ += length;
 			if (request_.verify)
-				written_.push_back({offset, static_cast<uint32_t>(length),
-						    hash64(bytes)});
+				written_.push_back(
+					{offset, static_cast<uint32_t>(length), hash64(bytes)});
 		}
 		offset += length;
 		progress_.advance(length);

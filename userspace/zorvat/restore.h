@@ -11,7 +11,7 @@ namespace zorvat::agent
 
 struct RestoreRequest {
 	fs::path target;
-	bool force = false;  // although it is in use, tracked, or there
+	bool force = false; // although it is in use, tracked, or there
 	bool verify = true;
 };
 

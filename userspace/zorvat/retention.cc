@@ -97,11 +97,10 @@ private:
 	{
 		std::vector<Piece> pieces;
 		sources_[source]->for_each_entry([&](uint64_t number, const IndexEntry &entry) {
-			pieces.push_back(
-				{static_cast<uint32_t>(entry.start / block_bytes),
-				 static_cast<uint32_t>((entry.length + block_bytes - 1) /
-						       block_bytes),
-				 source, static_cast<uint32_t>(number)});
+			pieces.push_back({static_cast<uint32_t>(entry.start / block_bytes),
+					  static_cast<uint32_t>((entry.length + block_bytes - 1) /
+								block_bytes),
+					  source, static_cast<uint32_t>(number)});
 		});
 		map_.add_older(std::move(pieces));
 	}
@@ -216,12 +215,14 @@ std::vector<std::string> forget(const Repository &repository, const std::set<std
 		if (run.size() == 1)
 			continue;
 		Merge merge(repository, run);
-		progress.begin(fmt::format("merging {} points into {}", run.size() - 1, manifest.id),
-			       merge.bytes());
+		progress.begin(
+			fmt::format("merging {} points into {}", run.size() - 1, manifest.id),
+			merge.bytes());
 		repository.commit(merge.write(progress));
 		progress.end();
 	}
-	/* Nothing that is kept builds on the rest. The newest first: each stays whole until it goes. */
+	/* Nothing that is kept builds on the rest. The newest first: each stays whole until it
+	 * goes. */
 	std::vector<std::string> dropped;
 	for (auto point = points.rbegin(); point != points.rend(); ++point) {
 		if (keep.contains(point->id))
@@ -246,9 +247,9 @@ std::vector<std::string> verify(const Repository &repository, Progress &progress
 	progress.begin("verify", total);
 	for (const Manifest &manifest : points) {
 		if (!manifest.is_full() && !ids.contains(manifest.parent))
-			problems.push_back(
-				fmt::format("restore point {} is missing or damaged; {} builds on it",
-					    manifest.parent, manifest.id));
+			problems.push_back(fmt::format(
+				"restore point {} is missing or damaged; {} builds on it",
+				manifest.parent, manifest.id));
 		const std::string problem = problem_in(repository, manifest, progress);
 		if (!problem.empty())
 			problems.push_back(problem);

@@ -155,8 +155,7 @@ void mount_disk(const DiskServer &server, const MountRequest &request)
 void serve_mounted(PointReader reader, const MountRequest &request, int answer)
 {
 	const auto say = [answer](const std::string &text) {
-		[[maybe_unused]] const ssize_t count =
-			write(answer, text.c_str(), text.size() + 1);
+		[[maybe_unused]] const ssize_t count = write(answer, text.c_str(), text.size() + 1);
 		close(answer);
 	};
 	bool ready = false;
@@ -261,10 +260,10 @@ void unmount_point(const fs::path &directory)
 		throw Failure(FailureCode::usage,
 			      directory.native() + " has no restore disk mounted");
 	if (umount2(path.c_str(), 0) != 0)
-		throw Failure(errno == EBUSY ? FailureCode::busy : FailureCode::failed,
-			      fmt::format("cannot unmount {}: {}", directory.native(),
-					  error_text(errno)),
-			      errno);
+		throw Failure(
+			errno == EBUSY ? FailureCode::busy : FailureCode::failed,
+			fmt::format("cannot unmount {}: {}", directory.native(), error_text(errno)),
+			errno);
 	if (kill(disk->server, SIGTERM) != 0)
 		return disks.destroy(disk->handle);
 	const auto is_gone = [&] {
