@@ -36,11 +36,13 @@ killed_at_random() { # ROUNDS
 	use_busy_volume
 	zorvat backup vg/data --to "$repository" -q
 	for round in $(seq "$1"); do
-		zorvat backup vg/data --to "$repository" -q >/tmp/killed 2>&1 &
-		agent=$!
-		usleep $(($(random) % 1500000))
-		kill -9 $agent || true
-		wait $agent || true
+		for kill in $(seq $((1 + $(random) % 3))); do
+			zorvat backup vg/data --to "$repository" -q >/tmp/killed 2>&1 &
+			agent=$!
+			usleep $(($(random) % 4000000))
+			kill -9 $agent || true
+			wait $agent || true
+		done
 		zorvat verify "$repository" -q
 		back_up_and_keep_truth
 		restore_equals "$repository" /tmp/truth
@@ -186,7 +188,7 @@ keep_files_changing() {
 back_up_and_keep_truth() {
 	rm -f /tmp/truth
 	set +x
-	noted_snapshot
+	read_attempt
 	stale=$noted
 	zorvat backup vg/data --to "$repository" -q &
 	agent=$!
@@ -201,18 +203,19 @@ back_up_and_keep_truth() {
 
 # These run no program: they have to be quicker than the agent.
 snapshot_is_noted() {
-	noted_snapshot
-	[ "$noted" != "$stale" ] && [ -b "/dev/vg/$noted" ]
+	read_attempt
+	[ "$noted" != "$stale" ] && [ $changes = known ] && [ -b "/dev/vg/$noted" ]
 }
 
-noted_snapshot() { # $noted, if what it changed was noted
-	noted=
+read_attempt() { # $noted: its snapshot; $changes: whether they are known
+	noted='' changes=unknown
 	{ read -r line && read -r line; } 2>/dev/null <"$repository/attempt.json" || return 0
-	case $line in
-	*'"switch_count":null'*) return 0 ;;
-	esac
 	noted=${line#*'"snapshot":"'}
 	noted=${noted%%'"'*}
+	case $line in
+	*'"switch_count":null'*) ;;
+	*) changes=known ;;
+	esac
 }
 
 restore_equals() { # REPOSITORY[@POINT] FILE

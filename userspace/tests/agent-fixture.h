@@ -182,6 +182,9 @@ public:
 		machine_.step();
 		machine_.snapshot = {};
 	}
+	void settle(const std::string &) override
+	{
+	}
 
 private:
 	Machine &machine_;

@@ -159,6 +159,8 @@ void Backup::look_at_history()
  */
 void Backup::remove_old_snapshots()
 {
+	if (old_attempt_)
+		environment_.snapshots.settle(old_attempt_->snapshot);
 	const auto names = environment_.snapshots.own_snapshots(volume_);
 	if (old_attempt_ && !old_attempt_->switch_count &&
 	    std::ranges::find(names, old_attempt_->snapshot) != names.end()) {

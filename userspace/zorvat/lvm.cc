@@ -2,8 +2,12 @@
 /* Snapshots by the LVM tools, which report in JSON. */
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <fmt/format.h>
+#include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "failure.h"
 #include "process.h"
@@ -49,6 +53,20 @@ std::string default_size(const LogicalVolume &volume)
 {
 	const uint64_t wanted = std::max(volume.size / default_share, least_snapshot);
 	return fmt::format("{}m", std::min(wanted, volume.free_in_group) >> 20);
+}
+
+/* Whether a process has the word in its command line: names of snapshots are unique. */
+bool is_named_by_a_process(const std::string &word)
+{
+	std::error_code error;
+	for (std::filesystem::directory_iterator entry("/proc", error), end; !error && entry != end;
+	     entry.increment(error)) {
+		std::ifstream file(entry->path() / "cmdline", std::ios::binary);
+		const std::string line(std::istreambuf_iterator<char>(file), {});
+		if (line.find(word) != std::string::npos)
+			return true;
+	}
+	return false;
 }
 
 class Lvm final : public SnapshotManager
@@ -104,6 +122,15 @@ public:
 	void remove(const LogicalVolume &volume, const std::string &name) override
 	{
 		run_program({"lvm", "lvremove", "--quiet", "--force", volume.group + "/" + name});
+	}
+
+	/* A tool that waits for something for so long is not waited for. */
+	void settle(const std::string &name) override
+	{
+		constexpr auto patience = std::chrono::seconds(60);
+		const auto end = std::chrono::steady_clock::now() + patience;
+		while (is_named_by_a_process(name) && std::chrono::steady_clock::now() < end)
+			std::this_thread::sleep_for(std::chrono::milliseconds(50));
 	}
 
 private:

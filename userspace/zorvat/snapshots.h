@@ -42,6 +42,8 @@ public:
 	virtual std::filesystem::path create(const LogicalVolume &volume, const std::string &name,
 					     const std::string &size) = 0;
 	virtual void remove(const LogicalVolume &volume, const std::string &name) = 0;
+	/* Returns when no tool that an agent started, and died, is busy with the snapshot. */
+	virtual void settle(const std::string &name) = 0;
 };
 
 std::unique_ptr<SnapshotManager> open_lvm();
