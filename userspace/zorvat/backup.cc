@@ -99,6 +99,7 @@ private:
 	void remove_old_snapshots();
 	void decide();
 	void begin_attempt();
+	void note_changes();
 	void look_at_changes(const TrackerState &after);
 	std::vector<BlockRun> read_changes();
 	DataSummary copy(const std::filesystem::path &path);
@@ -199,6 +200,22 @@ void Backup::begin_attempt()
 {
 	attempt_.snapshot = new_snapshot_name();
 	repository_.write_attempt(attempt_);
+	repository_.reserve_room();
+}
+
+/* Without room for the changes, at least the switch is noted: the driver has the changes, too. */
+void Backup::note_changes()
+{
+	repository_.release_room();
+	try {
+		repository_.write_attempt(attempt_);
+	} catch (const Failure &failure) {
+		if (failure.code() == FailureCode::no_space) {
+			attempt_.changes.clear();
+			repository_.write_attempt(attempt_);
+		}
+		throw;
+	}
 }
 
 void Backup::look_at_changes(const TrackerState &after)
@@ -218,7 +235,7 @@ void Backup::look_at_changes(const TrackerState &after)
 		}
 	}
 	attempt_.switch_count = after.switch_count;
-	repository_.write_attempt(attempt_);
+	note_changes();
 	runs_ = reason_.empty() ? std::move(attempt_.changes) : all_blocks(volume_.size);
 	attempt_.changes.clear();
 }

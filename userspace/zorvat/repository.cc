@@ -16,6 +16,8 @@ namespace
 
 constexpr int repository_format = 1;
 constexpr std::string_view manifest_suffix = ".json";
+constexpr std::string_view reserve_name = "reserve.tmp";
+constexpr size_t reserved_bytes = 64 << 10;
 
 std::string random_digits(size_t count)
 {
@@ -378,6 +380,20 @@ void Repository::write_attempt(const Attempt &attempt) const
 void Repository::remove_attempt() const
 {
 	remove_file(directory_ / "attempt.json");
+	flush_directory(directory_);
+}
+
+void Repository::reserve_room() const
+{
+	const std::vector<std::byte> room(reserved_bytes, std::byte{1});
+	const File file(directory_ / reserve_name, O_RDWR | O_CREAT | O_TRUNC);
+	file.write(0, room);
+	file.flush();
+}
+
+void Repository::release_room() const
+{
+	remove_file(directory_ / reserve_name);
 	flush_directory(directory_);
 }
 

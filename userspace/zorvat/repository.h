@@ -124,6 +124,9 @@ public:
 	std::optional<Attempt> attempt() const;
 	void write_attempt(const Attempt &attempt) const;
 	void remove_attempt() const;
+	/* Keeps some room on the disk, so that an attempt can be written again when it is full. */
+	void reserve_room() const;
+	void release_room() const;
 
 private:
 	fs::path manifest_path(const std::string &id) const;
