@@ -17,14 +17,25 @@ constexpr uint64_t entries_at_once = 4096;
 
 } // namespace
 
-DataReader::DataReader(const fs::path &directory, const DataSummary &summary, uint64_t volume_size,
-		       const std::string &point)
-    : summary_(summary), volume_size_(volume_size), point_(point),
-      file_(directory / summary.file, O_RDONLY), decompressor_(ZSTD_createDCtx(), ZSTD_freeDCtx),
-      stored_(ZSTD_compressBound(max_frame_bytes))
+FrameDecoder::FrameDecoder()
+    : decompressor_(ZSTD_createDCtx(), ZSTD_freeDCtx), stored_(ZSTD_compressBound(max_frame_bytes))
 {
 	if (!decompressor_)
 		throw std::bad_alloc();
+}
+
+size_t FrameDecoder::decompress(std::span<const std::byte> stored, std::span<std::byte> plain)
+{
+	const size_t length = ZSTD_decompressDCtx(decompressor_.get(), plain.data(), plain.size(),
+						  stored.data(), stored.size());
+	return ZSTD_isError(length) ? SIZE_MAX : length;
+}
+
+DataReader::DataReader(const fs::path &directory, const DataSummary &summary, uint64_t volume_size,
+		       const std::string &point, std::shared_ptr<FrameDecoder> decoder)
+    : summary_(summary), volume_size_(volume_size), point_(point),
+      file_(directory / summary.file, O_RDONLY), decoder_(std::move(decoder))
+{
 	if (file_.size() != summary_.length)
 		throw damage(fmt::format("it has {} bytes instead of {}", file_.size(),
 					 summary_.length));
@@ -96,7 +107,7 @@ void DataReader::check_entry(const IndexEntry &entry, uint64_t covered, uint64_t
 			       entry.start <= volume_size_ - entry.length;
 	const bool frame_fits =
 		entry.is_hole() || (entry.length <= max_frame_bytes && entry.offset == offset &&
-				    entry.stored <= stored_.size());
+				    entry.stored <= decoder_->buffer().size());
 	if (!ends_well || !lies_well || !frame_fits)
 		throw damage("its index's checksum does not fit");
 }
@@ -112,9 +123,9 @@ IndexEntry DataReader::entry(uint64_t number) const
 
 std::span<const std::byte> DataReader::read_stored(const IndexEntry &entry)
 {
-	if (entry.stored > stored_.size())
+	if (entry.stored > decoder_->buffer().size())
 		throw damage("its index has changed");
-	const auto stored = std::span(stored_).first(entry.stored);
+	const auto stored = decoder_->buffer().first(entry.stored);
 	file_.read(entry.offset, stored);
 	if (hash64(stored) != entry.stored_hash)
 		throw damage(fmt::format("the data stored for bytes {} to {} of the volume do not "
@@ -126,8 +137,7 @@ std::span<const std::byte> DataReader::read_stored(const IndexEntry &entry)
 void DataReader::read_frame(const IndexEntry &entry, std::span<std::byte> plain)
 {
 	const auto stored = read_stored(entry);
-	const size_t length = ZSTD_decompressDCtx(decompressor_.get(), plain.data(), entry.length,
-						  stored.data(), stored.size());
+	const size_t length = decoder_->decompress(stored, plain.first(entry.length));
 	if (length != entry.length || hash128(plain.first(length)) != entry.plain_hash)
 		throw damage(fmt::format("bytes {} to {} of the volume do not fit their checksum",
 					 entry.start, entry.end()));

@@ -16,6 +16,25 @@ struct ZSTD_DCtx_s;
 namespace zorvat::agent
 {
 
+/* What reading a frame takes; the readers of a chain share one. */
+class FrameDecoder
+{
+public:
+	FrameDecoder();
+
+	/* Room for any frame as stored. */
+	std::span<std::byte> buffer()
+	{
+		return stored_;
+	}
+	/* Returns how many bytes it became, or SIZE_MAX. */
+	size_t decompress(std::span<const std::byte> stored, std::span<std::byte> plain);
+
+private:
+	std::unique_ptr<ZSTD_DCtx_s, size_t (*)(ZSTD_DCtx_s *)> decompressor_;
+	std::vector<std::byte> stored_;
+};
+
 /*
  * All functions throw Failure(damaged) that names the file and the restore point. Not for several
  * threads at once.
@@ -25,7 +44,8 @@ class DataReader
 public:
 	/* Checks header and footer, against what the manifest says. */
 	DataReader(const fs::path &directory, const DataSummary &summary, uint64_t volume_size,
-		   const std::string &point);
+		   const std::string &point,
+		   std::shared_ptr<FrameDecoder> decoder = std::make_shared<FrameDecoder>());
 
 	uint64_t entries() const
 	{
@@ -38,7 +58,7 @@ public:
 	IndexEntry entry(uint64_t number) const;
 	/* Fills the first entry.length bytes. Not for holes. */
 	void read_frame(const IndexEntry &entry, std::span<std::byte> plain);
-	/* The frame as stored; valid until the next call. */
+	/* The frame as stored; valid until the decoder's next frame. */
 	std::span<const std::byte> read_stored(const IndexEntry &entry);
 
 private:
@@ -52,8 +72,7 @@ private:
 	std::string point_;
 	File file_;
 	uint64_t index_offset_ = 0;
-	std::unique_ptr<ZSTD_DCtx_s, size_t (*)(ZSTD_DCtx_s *)> decompressor_;
-	std::vector<std::byte> stored_;
+	std::shared_ptr<FrameDecoder> decoder_;
 };
 
 } // namespace zorvat::agent

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <string_view>
+#include <sys/resource.h>
 
 #include "commands.h"
 
@@ -143,6 +144,16 @@ ExitCode run(const Subcommand &subcommand, const Options &options)
 	}
 }
 
+/* Each point of a chain is an open file. */
+void raise_file_limit()
+{
+	rlimit limit;
+	if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+		limit.rlim_cur = limit.rlim_max;
+		setrlimit(RLIMIT_NOFILE, &limit);
+	}
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -166,5 +177,6 @@ int main(int argc, char **argv)
 	} catch (const CLI::ParseError &error) {
 		return app.exit(error) == 0 ? exit_ok : exit_usage;
 	}
+	raise_file_limit();
 	return run(*chosen, options);
 }

@@ -126,9 +126,11 @@ PointReader::PointReader(const Repository &repository, const std::string &point)
 
 void PointReader::open_chain(const Repository &repository)
 {
+	const auto decoder = std::make_shared<FrameDecoder>();
 	for (const Manifest &manifest : chain_)
-		sources_.push_back(std::make_unique<DataReader>(
-			repository.data_directory(), manifest.data, manifest.size, manifest.id));
+		sources_.push_back(std::make_unique<DataReader>(repository.data_directory(),
+								manifest.data, manifest.size,
+								manifest.id, decoder));
 }
 
 void PointReader::build_map()

@@ -56,10 +56,11 @@ public:
 	Merge(const Repository &repository, const std::vector<const Manifest *> &run)
 	    : repository_(repository), run_(run)
 	{
+		const auto decoder = std::make_shared<FrameDecoder>();
 		for (const Manifest *manifest : run)
 			sources_.push_back(std::make_unique<DataReader>(
 				repository.data_directory(), manifest->data, manifest->size,
-				manifest->id));
+				manifest->id, decoder));
 		for (uint32_t i = 0; i < sources_.size(); i++)
 			add(i);
 	}
