@@ -260,7 +260,7 @@ DataSummary Backup::copy(const std::filesystem::path &path)
 		writer.add(chunk->start, chunk->bytes);
 		progress_.advance(chunk->bytes.size());
 	}
-	const DataSummary summary = writer.finish();
+	DataSummary summary = writer.finish();
 	progress_.end();
 	return summary;
 }

@@ -63,6 +63,7 @@ std::vector<char *> environment_for_program()
 pid_t start(const std::vector<std::string> &command, const Pipe &output, const Pipe &messages)
 {
 	std::vector<char *> words;
+	words.reserve(command.size() + 1);
 	for (const std::string &word : command)
 		words.push_back(const_cast<char *>(word.c_str()));
 	words.push_back(nullptr);

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <csignal>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -44,7 +45,7 @@ std::string human_bytes(uint64_t bytes)
 
 std::string human_seconds(double seconds)
 {
-	const auto whole = static_cast<uint64_t>(seconds + 0.5);
+	const auto whole = static_cast<uint64_t>(std::lround(seconds));
 	if (seconds < 10)
 		return fmt::format("{:.1f} s", seconds);
 	if (whole < 60)

@@ -18,7 +18,7 @@ namespace
 
 using Period = int64_t (*)(int64_t time);
 
-constexpr int64_t day_seconds = 24 * 60 * 60;
+constexpr int64_t day_seconds = 86400;
 
 int64_t day_of(int64_t time)
 {
