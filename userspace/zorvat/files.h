@@ -84,7 +84,6 @@ int read_fully(int fd, uint64_t offset, std::span<std::byte> to) noexcept;
 class NewFile
 {
 public:
-	/* flags: further ones of open(2). */
 	explicit NewFile(const fs::path &path);
 	~NewFile();
 	NewFile(const NewFile &) = delete;

@@ -201,7 +201,7 @@ Repository Repository::open_or_create(const fs::path &directory, const std::stri
 				      directory.native() + " is neither empty nor a repository");
 	make_directory(directory / "points");
 	make_directory(directory / "data");
-	File(directory / "lock", O_RDWR | O_CREAT);
+	const File lock(directory / "lock", O_RDWR | O_CREAT);
 	write_sealed_json(identity, {{"format", repository_format},
 				     {"id", random_digits(32)},
 				     {"volume_name", volume_name},
