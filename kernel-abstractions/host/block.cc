@@ -32,6 +32,7 @@ struct request {
 
 struct request_queue {
 	std::atomic<ka_make_request_fn *> make_request;
+	std::atomic<int> references{0}; /* those that were asked for */
 	gendisk *disk = nullptr;
 	ka_request_fn *request_fn = nullptr;
 	std::mutex lock;
@@ -354,9 +355,12 @@ void report_block(Report &report)
 	std::lock_guard guard(b.lock);
 	for (auto &disk : b.disks)
 		report_disk(report, disk);
-	for (auto &queue : b.queues)
+	for (auto &queue : b.queues) {
 		if (queue.request_fn)
 			report.push_back("a request queue");
+		if (queue.references != 0)
+			report.push_back("references on a queue");
+	}
 	for (auto &[major, name] : b.majors)
 		report.push_back("block major of " + name);
 }
@@ -451,6 +455,21 @@ gendisk *ka_bdev_disk(block_device *bdev)
 request_queue *ka_bdev_queue(block_device *bdev)
 {
 	return bdev->disk->queue;
+}
+
+request_queue *ka_get_queue(request_queue *queue)
+{
+	if (injected("ka_get_queue", -KA_ENXIO) || !queue->disk->live)
+		return nullptr;
+	queue->references++;
+	return queue;
+}
+
+void ka_put_queue(request_queue *queue)
+{
+	might_sleep("ka_put_queue");
+	if (queue && queue->references-- == 0)
+		violation("ka_put_queue: not referenced");
 }
 
 ka_dev_t ka_bdev_whole_dev(block_device *bdev)
