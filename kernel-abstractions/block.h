@@ -42,6 +42,12 @@ int ka_thaw_bdev(struct block_device *bdev, struct super_block *frozen);
 ka_dev_t ka_bdev_dev(struct block_device *bdev);
 struct gendisk *ka_bdev_disk(struct block_device *bdev); /* null: none that can be hooked */
 struct request_queue *ka_bdev_queue(struct block_device *bdev);
+/*
+ * One more reference on a queue: it outlives its disk then. Null when the disk is on its way out.
+ * Giving it back may sleep; null is allowed.
+ */
+struct request_queue *ka_get_queue(struct request_queue *queue);
+void ka_put_queue(struct request_queue *queue);
 ka_dev_t ka_bdev_whole_dev(struct block_device *bdev);  /* the number of its whole disk */
 ka_sector_t ka_bdev_start(struct block_device *bdev);   /* on the whole disk; 0 for one */
 ka_sector_t ka_bdev_sectors(struct block_device *bdev); /* length; a whole disk's capacity */

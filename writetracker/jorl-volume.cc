@@ -349,6 +349,7 @@ static int connect_to_server(jorlvolume_info *volume)
 		end_thread(volume);
 		return static_cast<int>(ka_ptr_err(sock));
 	}
+	ka_sock_end_with_process(sock, &volume->dvi_servicearea);
 	volume->dvi_sd_socket = sock;
 	return 0;
 }

@@ -43,6 +43,7 @@
 
 struct takeover {
 	atomic_t references;
+	struct task_struct *process;
 	struct mm_struct *mm;       /* pinned, not in use */
 	struct vm_area_struct *vma; /* what was taken; null when that is gone */
 	unsigned long flags;        /* its flags and operations before */
@@ -79,6 +80,7 @@ static void put_takeover(struct takeover *takeover)
 	if (takeover->file)
 		fput(takeover->file);
 	mmdrop(takeover->mm);
+	put_task_struct(takeover->process);
 	kfree(takeover);
 	rcu_read_lock_sched();
 	if (atomic_dec_and_test(&takeovers))
@@ -237,6 +239,8 @@ static struct takeover *alloc_takeover(struct ka_mapping *mapping,
 	if (!takeover)
 		return NULL;
 	atomic_set(&takeover->references, 1); /* the record's */
+	takeover->process = current->group_leader;
+	get_task_struct(takeover->process);
 	takeover->mm = current->mm;
 	kernel_mmgrab(takeover->mm);
 	spin_lock_init(&takeover->lock);
@@ -344,6 +348,16 @@ void ka_mapping_give_up(struct ka_mapping *mapping)
 
 /* --- What is known of it, and pages ---------------------------------------------------------- */
 
+struct task_struct *kernel_get_process_of(const struct ka_mapping *mapping)
+{
+	struct takeover *takeover = takeover_in(mapping);
+
+	if (!takeover)
+		return NULL;
+	get_task_struct(takeover->process);
+	return takeover->process;
+}
+
 int ka_mapping_is_taken(const struct ka_mapping *mapping)
 {
 	return takeover_in(mapping) != NULL;
@@ -430,7 +444,8 @@ int ka_mapping_show_page(struct ka_mapping *mapping, size_t offset, unsigned lon
 /* Whether the process, which may be gone without a word, could see all that was shown to it. */
 static bool was_seen(struct takeover *takeover)
 {
-	return atomic_read(&takeover->mm->mm_users) && takeover->vma && is_in_place(takeover);
+	return atomic_read(&takeover->mm->mm_users) && takeover->vma && is_in_place(takeover) &&
+	       !kernel_is_being_killed(takeover->process);
 }
 
 int ka_mapping_zap(struct ka_mapping *mapping)

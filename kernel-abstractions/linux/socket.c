@@ -6,8 +6,13 @@
 #include <linux/net.h>
 #include <linux/socket.h>
 #include <linux/uio.h>
+#include <net/sock.h>
 
+#include "takeovers.h"
 #include "this-kernel.h"
+
+/* In ticks: how soon it is seen that the process behind a stream is being killed. */
+#define POLL_INTERVAL (HZ / 2)
 
 struct socket *ka_sock_create_tcp(void)
 {
@@ -36,7 +41,14 @@ int ka_sock_sendmsg(struct socket *socket, const void *buffer, size_t length, si
 	return kernel_sendmsg(socket, &message, &vector, 1, kernel_send_size(length, total));
 }
 
-int ka_sock_recvmsg(struct socket *socket, void *buffer, size_t size)
+void ka_sock_end_with_process(struct socket *socket, const struct ka_mapping *mapping)
+{
+	socket->sk->sk_user_data = kernel_get_process_of(mapping);
+	socket->sk->sk_rcvtimeo = POLL_INTERVAL;
+}
+
+/* What a receive that was called off returns: what has come before that, if anything has. */
+static int receive(struct socket *socket, void *buffer, size_t size)
 {
 	struct msghdr message = {.msg_flags = MSG_NOSIGNAL | MSG_WAITALL};
 	struct kvec vector = {.iov_base = buffer, .iov_len = size};
@@ -44,7 +56,29 @@ int ka_sock_recvmsg(struct socket *socket, void *buffer, size_t size)
 	return kernel_recvmsg(socket, &message, &vector, 1, size, message.msg_flags);
 }
 
+int ka_sock_recvmsg(struct socket *socket, void *buffer, size_t size)
+{
+	struct task_struct *process = socket->sk->sk_user_data;
+	size_t received = 0;
+
+	do {
+		int result = receive(socket, (char *)buffer + received, size - received);
+
+		if (result > 0)
+			received += result;
+		else if (!process || result != -EAGAIN)
+			return received ? received : result;
+	} while (received < size && !signal_pending(current) &&
+		 !(process && kernel_is_being_killed(process)));
+	return received;
+}
+
 void ka_sock_release(struct socket *socket)
 {
+	struct task_struct *process = socket->sk->sk_user_data;
+
+	socket->sk->sk_user_data = NULL;
 	sock_release(socket);
+	if (process)
+		put_task_struct(process);
 }

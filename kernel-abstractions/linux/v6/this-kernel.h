@@ -50,6 +50,11 @@ static inline void kernel_mutex_unlock(struct mutex *mutex)
 	mutex_unlock(mutex);
 }
 
+static inline bool kernel_get_queue(struct request_queue *queue)
+{
+	return blk_get_queue(queue);
+}
+
 static inline struct kobject *kernel_kobject_get(struct kobject *kobj)
 {
 	return kobject_get_unless_zero(kobj);
