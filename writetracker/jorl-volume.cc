@@ -518,8 +518,8 @@ static void tear_down(jorlvolume_info *volume, const char *name)
 		ka_kfifo_free(volume->dvi_kfifo);
 }
 
-// A zeroed record, somewhere in the first page of its memory: there where the table of records has the
-// home slot of the address still free. Addresses of whole pages would share two homes. Records
+// A zeroed record, somewhere in the first page of its memory: there where the table of records has
+// the home slot of the address still free. Addresses of whole pages would share two homes. Records
 // beside their homes become unreachable when others go, and make the table grow, which halts the
 // kernel in nearly every state.
 static jorlvolume_info *allocate_record()
@@ -539,8 +539,7 @@ static jorlvolume_info *allocate_record()
 
 static void free_record(const jorlvolume_info *volume)
 {
-	ka_vfree(reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(volume) &
-					  ~(PAGE_BYTES - 1)));
+	ka_vfree(reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(volume) & ~(PAGE_BYTES - 1)));
 }
 
 jorlvolume_info *alloc_jorlvolume_info(size_t block_size, size_t num_blocks, unsigned int is_rw,

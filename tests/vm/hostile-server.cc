@@ -70,9 +70,8 @@ public:
 	void run()
 	{
 		const zorvat::RestoreDisks disks(zorvat::open_netlink());
-		const zorvat::DiskHandle disk =
-			disks.allocate({block_size, blocks_,
-					{reinterpret_cast<std::byte *>(area_), area_bytes}});
+		const zorvat::DiskHandle disk = disks.allocate(
+			{block_size, blocks_, {reinterpret_cast<std::byte *>(area_), area_bytes}});
 		std::thread([&] {
 			try {
 				disks.resume(disk, port());
@@ -95,22 +94,14 @@ private:
 	static const std::map<std::string, Behaviour> &behaviours()
 	{
 		static const std::map<std::string, Behaviour> all = {
-			{"well", &Server::serve},
-			{"silent", &Server::never_answer},
-			{"slow", &Server::answer_late},
-			{"garbage", &Server::answer_garbage},
-			{"cut", &Server::answer_in_part},
-			{"fail", &Server::answer_an_error},
-			{"unmap", &Server::unmap},
-			{"unmap-middle", &Server::unmap_middle},
-			{"map-over", &Server::map_over},
-			{"protect", &Server::protect},
-			{"forbid", &Server::forbid},
-			{"move", &Server::move},
-			{"discard", &Server::discard},
-			{"touch", &Server::touch},
-			{"fork", &Server::fork_children},
-			{"look", &Server::look},
+			{"well", &Server::serve},         {"silent", &Server::never_answer},
+			{"slow", &Server::answer_late},   {"garbage", &Server::answer_garbage},
+			{"cut", &Server::answer_in_part}, {"fail", &Server::answer_an_error},
+			{"unmap", &Server::unmap},        {"unmap-middle", &Server::unmap_middle},
+			{"map-over", &Server::map_over},  {"protect", &Server::protect},
+			{"forbid", &Server::forbid},      {"move", &Server::move},
+			{"discard", &Server::discard},    {"touch", &Server::touch},
+			{"fork", &Server::fork_children}, {"look", &Server::look},
 		};
 		return all;
 	}

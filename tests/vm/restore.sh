@@ -258,27 +258,7 @@ make_file_system() { # ext4|xfs|partitions
 	losetup -d $device
 }
 
-# --- Serving, until the case ends
-
-serve() { # IMAGE [OPTION...]: $served is the disk, $server its server
-	: >/tmp/served
-	zorvatctl serve "$@" >/tmp/served 2>&1 &
-	server=$!
-	defer "stop_serving $server"
-	eventually 20 grep -q ^/dev/ /tmp/served
-	served=$(grep -m1 ^/dev/ /tmp/served)
-	[ -b $served ]
-}
-
-stop_serving() { # PROCESS
-	kill $1 2>/dev/null
-	wait $1
-	case $? in
-	0 | 143) ;; # ended in order, by itself or by the signal
-	137) ;; # killed by the case
-	*) return 1 ;;
-	esac
-}
+# --- Servers that go bad, until the case ends
 
 serve_badly() { # BEHAVIOUR [NUMBER]: $served is the disk of a server that will behave so, $server
 	: >/tmp/served
@@ -302,7 +282,7 @@ keep_reading() {
 	rm $copy) &
 	readers="${readers-} $!"
 	defer "kill $! 2>/dev/null; wait $! || true"
-	sleep 1
+	usleep 300000
 }
 
 is_reading() {

@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: GPL-2.0
 # The demonstration: a full backup of a logical volume, work on the mounted volume, an incremental
-# backup from a snapshot, and the proof that it is complete.
+# backup from a snapshot, the proof that it is complete, and a file out of the backup.
 
 cases() {
 	echo load
-	echo incremental_backup_is_complete
+	echo incremental_backup_is_complete_and_can_be_mounted
 	echo unload
 }
 
@@ -23,6 +23,7 @@ work_on_the_volume() {
 	fio --name=work --directory=/mnt --size=16m --rw=randwrite --bs=4k --io_size=4m --thread \
 		--end_fsync=1 --output=/tmp/fio.log
 	rm -r /mnt/usr/sbin
+	echo "written after the full backup" >/mnt/note
 }
 
 keep_writing_files() { # until the case ends
@@ -33,7 +34,7 @@ keep_writing_files() { # until the case ends
 	defer "kill $!; wait"
 }
 
-incremental_backup_is_complete() {
+incremental_backup_is_complete_and_can_be_mounted() {
 	use_volume 128
 	use_copy
 	start_tracking $volume
@@ -63,4 +64,12 @@ incremental_backup_is_complete() {
 	tell "snapshot and copy compared byte by byte: equal"
 	drop_snapshot
 	zorvatctl clear $volume
+
+	rm /mnt/note
+	serve $copy
+	mkdir -p /restored
+	mount -t ext4 -o ro,noload $served /restored
+	defer umount /restored
+	tell "serve the backup as a disk: $served, mounted"
+	tell "a file that the volume does not have any more: $(cat /restored/note)"
 }
