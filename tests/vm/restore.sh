@@ -133,24 +133,14 @@ unload_is_refused_while_there_are_disks() {
 
 # Whatever a server does, it can be killed, its disk ends, and the next one is well.
 answers() { # BEHAVIOUR of hostile-server
-	make_image 8
-	serve_badly "$@"
-	keep_reading
-	keep_reading
-	kill -USR1 $server
-	sleep 1
+	server_goes_bad "$@"
 	kill -9 $server
 	eventually 10 fails is_reading
 	end_bad_server
 }
 
 plays_with_its_area() { # BEHAVIOUR of hostile-server
-	make_image 8
-	serve_badly "$@"
-	keep_reading
-	keep_reading
-	kill -USR1 $server
-	sleep 1
+	server_goes_bad "$@"
 	zorvatctl destroy "${served#/dev/}" # which the server lives to see
 	eventually 10 fails is_reading
 	kill -USR2 $server
@@ -268,6 +258,15 @@ serve_badly() { # BEHAVIOUR [NUMBER]: $served is the disk of a server that will 
 	eventually 20 grep -q ^/dev/ /tmp/served
 	served=$(grep -m1 ^/dev/ /tmp/served)
 	oracle equal /tmp/image $served
+}
+
+server_goes_bad() { # BEHAVIOUR [NUMBER]: while its disk is read
+	make_image 8
+	serve_badly "$@"
+	keep_reading
+	keep_reading
+	kill -USR1 $server
+	sleep 1
 }
 
 # Reads the disk until a read fails. What was read and is not the image's is told by /tmp/wrong.
