@@ -185,8 +185,7 @@ void ka_blk_cleanup_queue(struct request_queue *queue);
 struct ka_disk_owner *ka_queue_owner(struct request_queue *queue);
 /* In bytes, before the disk is added. -EINVAL, with a line in the kernel log, for one that this
  * kernel cannot have. */
-int ka_blk_queue_block_size(struct request_queue *queue, unsigned short logical,
-			    unsigned int physical);
+int ka_blk_queue_block_size(struct request_queue *queue, unsigned short logical, size_t physical);
 
 /* The next six are called with the queue's lock held. */
 
@@ -237,8 +236,6 @@ struct gendisk *ka_alloc_disk(int minors, struct request_queue *queue);
 /* Before ka_add_disk. */
 void ka_disk_describe(struct gendisk *disk, struct ka_disk_owner *owner,
 		      const struct ka_disk_description *description);
-/* Its name; at most 31 characters. */
-const char *ka_disk_name(const struct gendisk *disk);
 int ka_disk_is_read_only(const struct gendisk *disk);
 /*
  * Enters the disk, and reads its partitions. A disk may be entered again after it was deleted: a

@@ -19,10 +19,7 @@ use_restore_disk() { # $restore, serving /tmp/image
 
 use_nbd() { # $nbd, serving /tmp/image
 	modprobe -q nbd || skip "no nbd"
-	rm -f /tmp/nbd
-	nbdkit --foreground --readonly --unix /tmp/nbd file /tmp/image &
-	defer "kill $!; wait $! || true"
-	eventually 10 test -S /tmp/nbd
+	use_nbdkit
 	nbd=/dev/nbd0
 	nbd-client -unix /tmp/nbd $nbd -b 4096 >/dev/null
 	defer nbd-client -d $nbd

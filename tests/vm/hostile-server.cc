@@ -64,6 +64,8 @@ public:
 		blocks_ = static_cast<size_t>(status.st_size) / block_size;
 		area_ = map_area();
 		listener_ = checked(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
+		const int room = 1;
+		setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &room, sizeof(room));
 		checked(listen(listener_, 1), "listen");
 	}
 
@@ -94,14 +96,23 @@ private:
 	static const std::map<std::string, Behaviour> &behaviours()
 	{
 		static const std::map<std::string, Behaviour> all = {
-			{"well", &Server::serve},         {"silent", &Server::never_answer},
-			{"slow", &Server::answer_late},   {"garbage", &Server::answer_garbage},
-			{"cut", &Server::answer_in_part}, {"fail", &Server::answer_an_error},
-			{"unmap", &Server::unmap},        {"unmap-middle", &Server::unmap_middle},
-			{"map-over", &Server::map_over},  {"protect", &Server::protect},
-			{"forbid", &Server::forbid},      {"move", &Server::move},
-			{"discard", &Server::discard},    {"touch", &Server::touch},
-			{"fork", &Server::fork_children}, {"look", &Server::look},
+			{"well", &Server::serve},
+			{"silent", &Server::never_answer},
+			{"slow", &Server::answer_late},
+			{"garbage", &Server::answer_garbage},
+			{"cut", &Server::answer_in_part},
+			{"fail", &Server::answer_an_error},
+			{"ahead", &Server::answer_ahead},
+			{"unmap", &Server::unmap},
+			{"unmap-middle", &Server::unmap_middle},
+			{"map-over", &Server::map_over},
+			{"protect", &Server::protect},
+			{"forbid", &Server::forbid},
+			{"move", &Server::move},
+			{"discard", &Server::discard},
+			{"touch", &Server::touch},
+			{"fork", &Server::fork_children},
+			{"look", &Server::look},
 		};
 		return all;
 	}
@@ -179,6 +190,13 @@ private:
 	void answer_an_error()
 	{
 		reply(false);
+	}
+	void answer_ahead() // and read no more, until the driver cannot send either
+	{
+		while (is_hostile) {
+			reply(true);
+			usleep(100);
+		}
 	}
 	void unmap()
 	{

@@ -330,6 +330,13 @@ stop_serving() { # PROCESS
 	esac
 }
 
+use_nbdkit() { # with /tmp/image at the socket /tmp/nbd
+	rm -f /tmp/nbd
+	nbdkit --foreground --readonly --unix /tmp/nbd file /tmp/image &
+	defer "kill $!; wait $! || true"
+	eventually 10 test -S /tmp/nbd || skip "nbdkit does not run here"
+}
+
 # --- Measurements, one number per line of a file
 
 median() { # FILE
