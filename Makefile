@@ -5,7 +5,7 @@
 #   make userspace            libzorvat, zorvatctl and zorvat, in build/plain
 #   make test                 all checks; closes with "N passed, N failed"
 #   make demo                 backups and a restore before your eyes, in a virtual machine
-#   make bench                what tracking costs
+#   make bench                what tracking and restore disks cost
 #   make lint                 formatting and clang-tidy
 #   make clean
 
@@ -49,7 +49,7 @@ demo: module build-plain
 
 bench: module build-plain
 	@for benchmark in build/plain/bench/bench-*; do $$benchmark || exit; done
-	@vm/run fio
+	@vm/run fio restore-disks
 
 clean:
 	@[ ! -d $(KDIR) ] || for folder in . tests/vm/overlay; do \

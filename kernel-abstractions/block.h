@@ -42,6 +42,12 @@ int ka_thaw_bdev(struct block_device *bdev, struct super_block *frozen);
 ka_dev_t ka_bdev_dev(struct block_device *bdev);
 struct gendisk *ka_bdev_disk(struct block_device *bdev); /* null: none that can be hooked */
 struct request_queue *ka_bdev_queue(struct block_device *bdev);
+/*
+ * One more reference on a queue: it outlives its disk then. Null when the disk is on its way out.
+ * Giving it back may sleep; null is allowed.
+ */
+struct request_queue *ka_get_queue(struct request_queue *queue);
+void ka_put_queue(struct request_queue *queue);
 ka_dev_t ka_bdev_whole_dev(struct block_device *bdev);  /* the number of its whole disk */
 ka_sector_t ka_bdev_start(struct block_device *bdev);   /* on the whole disk; 0 for one */
 ka_sector_t ka_bdev_sectors(struct block_device *bdev); /* length; a whole disk's capacity */
@@ -179,8 +185,7 @@ void ka_blk_cleanup_queue(struct request_queue *queue);
 struct ka_disk_owner *ka_queue_owner(struct request_queue *queue);
 /* In bytes, before the disk is added. -EINVAL, with a line in the kernel log, for one that this
  * kernel cannot have. */
-int ka_blk_queue_block_size(struct request_queue *queue, unsigned short logical,
-			    unsigned int physical);
+int ka_blk_queue_block_size(struct request_queue *queue, unsigned short logical, size_t physical);
 
 /* The next six are called with the queue's lock held. */
 
@@ -231,8 +236,6 @@ struct gendisk *ka_alloc_disk(int minors, struct request_queue *queue);
 /* Before ka_add_disk. */
 void ka_disk_describe(struct gendisk *disk, struct ka_disk_owner *owner,
 		      const struct ka_disk_description *description);
-/* Its name; at most 31 characters. */
-const char *ka_disk_name(const struct gendisk *disk);
 int ka_disk_is_read_only(const struct gendisk *disk);
 /*
  * Enters the disk, and reads its partitions. A disk may be entered again after it was deleted: a

@@ -50,7 +50,10 @@ size_t ka_mapping_size(struct ka_mapping *mapping);
  * too short.
  */
 int ka_mapping_show_page(struct ka_mapping *mapping, size_t offset, unsigned long pfn);
-/* Takes all pages out of the mapping and of what was split off it. -EIO when it is gone. */
+/*
+ * Takes all pages out of the mapping and of what was split off it. -EIO when it is gone, or its
+ * process is being killed.
+ */
 int ka_mapping_zap(struct ka_mapping *mapping);
 
 KA_END_DECLS

@@ -332,7 +332,8 @@ static int switch_at_resume(lvm_vol_data *snapshot, long *ret, const char *name)
 }
 
 // A hidden device was suspended or resumed: the volume over it gets its write hook back if the
-// queue has lost it.
+// queue has lost it. The volume itself may be suspended at that moment. Opening it would wait for a
+// sync of all devices, which waits for the volume's writes, which wait for this request's process.
 static int check_hook_over_real(const lvm_vol_data *voldata, long *ret)
 {
 	VolumeRef volume(related_volume(voldata->lvd_dep, ret));
@@ -341,14 +342,14 @@ static int check_hook_over_real(const lvm_vol_data *voldata, long *ret)
 	PatientMutexLock lock(volume->vi_mtx); // a stop at this moment must not get its hook back
 	if (!lock || !volume->vi_istracked)
 		return 0;
-	OpenDevice device(volume->vi_devt);
-	if (device.error() != 0) {
+	request_queue *queue = volume->vi_queue ? ka_get_queue(volume->vi_queue) : nullptr;
+	if (!queue) {
 		WT_ERROR("Unable to get the block device pointer to disk %s\n", volume->vi_dname);
 		return 0;
 	}
-	request_queue *queue = ka_bdev_queue(device.get());
 	if (ka_queue_make_request(queue) != volume->vi_mrqfn_new)
 		ka_queue_set_make_request(queue, volume->vi_mrqfn_new);
+	ka_put_queue(queue);
 	return 0;
 }
 

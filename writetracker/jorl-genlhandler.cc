@@ -23,6 +23,14 @@ static int start_session(const GenlRequest &request)
 	return request.acknowledge();
 }
 
+// Nobody knows the disk, but for those who list all; one of them may have destroyed it meanwhile.
+static void destroy_unreachable_disk(wt_jorl_diskhandle_t handle)
+{
+	JorlVolumeRef volume(lookup_jorlvolume_info(handle));
+	if (volume)
+		jorlmanager_destroy_disk(volume.get());
+}
+
 static int alloc_disk(const GenlRequest &request)
 {
 	const auto *asked = request.attribute<wtflr_allocdisk_req>(WT_GENATTR_FLR_ALLOCDISK_REQ);
@@ -46,16 +54,16 @@ static int alloc_disk(const GenlRequest &request)
 	if (ka_is_err(volume))
 		return static_cast<int>(ka_ptr_err(volume));
 	const wt_jorl_diskhandle_t handle = volume;
-	const int err = reply.put(WT_GENATTR_JORL_DISKHANDLE, sizeof(handle), &handle);
+	int err = reply.put(WT_GENATTR_JORL_DISKHANDLE, sizeof(handle), &handle);
 	if (err != 0) {
 		WT_ERROR("[JRGENL] Unable set alloc disk command response(%d)\n", err);
-		// Somebody else may have destroyed the disk meanwhile.
-		JorlVolumeRef unanswered(lookup_jorlvolume_info(handle));
-		if (unanswered)
-			jorlmanager_destroy_disk(unanswered.get());
-		return -KA_EMSGSIZE;
+		err = -KA_EMSGSIZE;
+	} else {
+		err = request.send(reply);
 	}
-	return request.send(reply);
+	if (err != 0)
+		destroy_unreachable_disk(handle);
+	return err;
 }
 
 namespace
@@ -175,7 +183,7 @@ struct DiskRequest : GenlRequest {
 	{
 		if (err != 0)
 			WT_ERROR("Unable to %s the disk %s due to error %d\n", deed,
-				 ka_disk_name(volume->dvi_disk), err);
+				 volume->dvi_name, err);
 		return acknowledge_or_error(err);
 	}
 };
@@ -210,8 +218,7 @@ static int get_disk_attributes(const DiskRequest &request)
 	wtflr_disk_attrs attrs;
 	memset(&attrs, 0, sizeof(attrs));
 	attrs.wtfda_handle = request.volume;
-	ka_snprintf(attrs.wtfda_name, sizeof(attrs.wtfda_name), "%s",
-		    ka_disk_name(volume->dvi_disk));
+	ka_snprintf(attrs.wtfda_name, sizeof(attrs.wtfda_name), "%s", volume->dvi_name);
 	attrs.wtfda_blocksize = volume->dvi_block_size;
 	attrs.wtfda_numblocks = volume->dvi_sectors;
 	attrs.wtfda_pid = volume->dvi_pid;

@@ -37,11 +37,10 @@ template <typename Entry> const Entry *entry_of(ka_attribute *attribute)
 
 static long ref_count_show(char *page)
 {
-	JorlManagerRef manager;
+	JorlManagerRef manager(JorlManagerRef::IF_UP);
 	if (!manager)
 		return -KA_EAGAIN;
-	const long length = ka_snprintf(page, SHOW_LIMIT, "%u",
-					ka_kobject_references(&jorlmanager_context.kobj) - 1);
+	const long length = ka_snprintf(page, SHOW_LIMIT, "%u", JorlManagerRef::others());
 	// The last one takes the directory with it, which waits for its readers.
 	manager.drop_later();
 	return length;
@@ -83,7 +82,7 @@ const ka_sysfs_ops g_jorl_sysfs_ops = {jorl_attr_show, jorl_attr_store};
 
 static long volume_name_show(jorlvolume_info *volume, char *page)
 {
-	return ka_snprintf(page, KA_SYSFS_PAGE, "%s", ka_disk_name(volume->dvi_disk));
+	return ka_snprintf(page, KA_SYSFS_PAGE, "%s", volume->dvi_name);
 }
 
 static long major_id_show(jorlvolume_info *volume, char *page)

@@ -41,7 +41,7 @@ static constexpr int NETLINK_INITIALIZER = 1;
 
 // --- References ----------------------------------------------------------------------------------
 
-JorlManagerRef::JorlManagerRef() : held(false)
+JorlManagerRef::JorlManagerRef(When when) : held(false)
 {
 	WT_TRACE("newref-driver-context.Remaining references=%u",
 		 ka_kobject_references(&jorlmanager_context.kobj) + 1);
@@ -49,10 +49,18 @@ JorlManagerRef::JorlManagerRef() : held(false)
 		held = ka_kobject_get(&jorlmanager_context.kobj) != nullptr;
 		return;
 	}
+	if (when == IF_UP)
+		return;
 	const int err = init_jorl_manager();
 	held = err == 0;
 	if (!held)
 		WT_TRACE_ERROR("Unable to initialize the jorl-manager. Error(%d)", err);
+}
+
+unsigned int JorlManagerRef::others()
+{
+	return ka_kobject_references(&jorlmanager_context.kobj) - 1 -
+	       static_cast<unsigned int>(references_to_drop.get());
 }
 
 static void drop_reference()
@@ -115,8 +123,10 @@ static int publish_manager()
 	memset(&jorlmanager_context.kobj, 0, sizeof(jorlmanager_context.kobj));
 	ka_kobject_init(&jorlmanager_context.kobj, &jorlmanager_context_type);
 	ContextRef context;
-	if (!context)
+	if (!context) {
+		ka_kobject_put(&jorlmanager_context.kobj);
 		return -KA_EAGAIN;
+	}
 	int err = ka_kobject_add(&jorlmanager_context.kobj, &wt_context.kobj, "restore-volumes");
 	if (err != 0) {
 		ka_kobject_put(&jorlmanager_context.kobj);
@@ -166,8 +176,7 @@ static void _jorlmanager_destroy_all_disk_callback(jorlvolume_info *volume, void
 {
 	const int err = jorlmanager_destroy_disk(volume);
 	if (err != 0)
-		WT_WARN("[JRMG] Unable to destroy volume %s. Error %d\n",
-			volume->dvi_disk ? ka_disk_name(volume->dvi_disk) : "(null)", err);
+		WT_WARN("[JRMG] Unable to destroy volume %s. Error %d\n", volume->dvi_name, err);
 }
 
 } // extern "C"
@@ -214,7 +223,10 @@ jorlvolume_info *jorlmanager_create_disk(const wtflr_allocdisk_req *req)
 		WT_ERROR("[JRMG] Only RO volumes are supported at the moment\n");
 		return static_cast<jorlvolume_info *>(ka_err_ptr(-KA_EINVAL));
 	}
-	const size_t rounded = (req->wtfad_blocksize + 511) / 512 * 512;
+	// A size that cannot be rounded is refused with those that are too large.
+	const size_t rounded = req->wtfad_blocksize > SIZE_MAX - 511
+				       ? req->wtfad_blocksize
+				       : (req->wtfad_blocksize + 511) / 512 * 512;
 	jorlvolume_info *volume = alloc_jorlvolume_info(
 		rounded < 512 ? 512 : rounded, req->wtfad_numblocks, 0, req->wtfad_servicearea);
 	if (ka_is_err(volume)) {
@@ -236,7 +248,7 @@ public:
 	{
 		if (error() != 0)
 			WT_ERROR("[JRMG] Unable to lock volume mutex on disk %s. Error(%d)\n",
-				 ka_disk_name(volume->dvi_disk), error());
+				 volume->dvi_name, error());
 	}
 };
 
@@ -247,7 +259,7 @@ int jorlmanager_start_disk(jorlvolume_info *volume, unsigned int port_num)
 	DiskLock lock(volume);
 	if (lock.error() != 0)
 		return lock.error();
-	const char *name = ka_disk_name(volume->dvi_disk);
+	const char *name = volume->dvi_name;
 	if (volume->dvi_datalink_pid != 0) {
 		WT_WARN("[JRMG] I/O Servicing on disk %s already started by PID=%u PORT=%u\n", name,
 			static_cast<unsigned int>(volume->dvi_pid), volume->dvi_datalink_pid);
@@ -255,7 +267,6 @@ int jorlmanager_start_disk(jorlvolume_info *volume, unsigned int port_num)
 	}
 	volume->dvi_datalink_pid = port_num;
 	const int err = jorlvolume_start(volume);
-	name = ka_disk_name(volume->dvi_disk); // the start may have put a fresh one in its place
 	if (err == 0)
 		WT_INFO("[JRMG] Started IO servicing on Disk %s. Port(%u)\n", name, port_num);
 	else
@@ -268,7 +279,7 @@ static int stop(jorlvolume_info *volume)
 	const int err = jorlvolume_stop(volume);
 	if (err != 0)
 		WT_ERROR("[JRMG] Unable to stop IO servicing on Disk %s. Error(%d)\n",
-			 ka_disk_name(volume->dvi_disk), err);
+			 volume->dvi_name, err);
 	return err;
 }
 
@@ -277,7 +288,7 @@ int jorlmanager_stop_disk(jorlvolume_info *volume)
 	DiskLock lock(volume);
 	if (lock.error() != 0)
 		return lock.error();
-	const char *name = ka_disk_name(volume->dvi_disk);
+	const char *name = volume->dvi_name;
 	if (volume->dvi_datalink_pid == 0) {
 		WT_WARN("[JRMG] I/O Servicing on disk %s already stopped\n", name);
 		return -KA_EINVAL;
@@ -301,8 +312,7 @@ int jorlmanager_destroy_disk(jorlvolume_info *volume)
 		if (err != 0)
 			return err;
 	}
-	WT_INFO("[JRMG] Destorying the jorl-volume structure for Disk %s\n",
-		ka_disk_name(volume->dvi_disk));
+	WT_INFO("[JRMG] Destorying the jorl-volume structure for Disk %s\n", volume->dvi_name);
 	remove_jorlvolume_info(volume);
 	return 0;
 }

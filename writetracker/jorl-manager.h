@@ -28,7 +28,13 @@ void jorl_manager_settle();
 class JorlManagerRef
 {
 public:
-	JorlManagerRef();
+	enum When {
+		ALWAYS,
+		// For a reader of the manager's files: whoever takes the manager down waits for him
+		// with the mutex that initialising needs.
+		IF_UP
+	};
+	explicit JorlManagerRef(When when = ALWAYS);
 	~JorlManagerRef();
 	JorlManagerRef(const JorlManagerRef &) = delete;
 	JorlManagerRef &operator=(const JorlManagerRef &) = delete;
@@ -46,6 +52,8 @@ public:
 	// Has it dropped by the shared work queue: by a reader of the manager's files, which must
 	// not drop the last one.
 	void drop_later();
+	// How many there are beside this one and those still to be dropped.
+	static unsigned int others();
 
 private:
 	bool held;

@@ -39,11 +39,6 @@ static jorlvolume_info *volume_of(ka_disk_owner *owner)
 		__builtin_offsetof(jorlvolume_info, dvi_disk_owner));
 }
 
-static const char *name_of(const jorlvolume_info *volume)
-{
-	return ka_disk_name(volume->dvi_disk);
-}
-
 // A spinlock held with interrupts off.
 class SpinLockIrq
 {
@@ -139,7 +134,7 @@ static int map_page(void *arg, unsigned long pfn)
 	else
 		WT_ERROR("[Disk-%s] Unable to map kernel page %p to address process adress space "
 			 "%p. Error(%ld)\n",
-			 name_of(transfer->volume), reinterpret_cast<void *>(pfn),
+			 transfer->volume->dvi_name, reinterpret_cast<void *>(pfn),
 			 reinterpret_cast<void *>(
 				 ka_mapping_start(&transfer->volume->dvi_servicearea) +
 				 transfer->mapped),
@@ -156,14 +151,17 @@ static int reply_outcome(const jorlvolume_info *volume, const wt_netlinkmsg_hdr 
 {
 	// Unsigned: an error is more than enough.
 	if (static_cast<unsigned int>(received) < sizeof(message)) {
-		WT_INFO("[Disk-%s] Error %ld returned for socket io request\n", name_of(volume),
+		WT_INFO("[Disk-%s] Error %ld returned for socket io request\n", volume->dvi_name,
 			static_cast<long>(received));
 		return 0;
 	}
 	if (message.code != WT_NETLINK_REP_OK)
-		WT_INFO("[Disk-%s] Error %ld returned for block request\n", name_of(volume),
+		WT_INFO("[Disk-%s] Error %ld returned for block request\n", volume->dvi_name,
 			static_cast<long>(message.num_sectors));
-	return message.num_sectors < 0 ? static_cast<int>(message.num_sectors) : 0;
+	if (message.num_sectors >= 0)
+		return 0;
+	const bool is_error = message.num_sectors >= -static_cast<int64_t>(KA_MAX_ERRNO);
+	return is_error ? static_cast<int>(message.num_sectors) : -KA_EIO;
 }
 
 // Has the server fill the pages that are shown.
@@ -185,12 +183,12 @@ static int ask_server(jorlvolume_info *volume, uint64_t start, uint64_t count, u
 		WT_ERROR(
 			"[Disk-%s] Unable to send the entire message on the socket. Just %ld bytes "
 			"written :-(\n",
-			name_of(volume), static_cast<long>(sent));
+			volume->dvi_name, static_cast<long>(sent));
 	}
 	if (sent < 0) {
 		WT_ERROR(
 			"[Disk-%s] Unable to send the disk i/o request on the socket. Error(%ld)\n",
-			name_of(volume), static_cast<long>(sent));
+			volume->dvi_name, static_cast<long>(sent));
 		return sent;
 	}
 	return reply_outcome(volume, message,
@@ -207,7 +205,7 @@ static int serve_bio(jorlvolume_info *volume, bio *bio)
 	if (start + count > volume->dvi_sectors) {
 		WT_WARN("[Disk-%s] Request beyond disk boundary for Start=%lu Count=%lu Type=%s. "
 			"Truncating the request\n",
-			name_of(volume), static_cast<unsigned long>(start),
+			volume->dvi_name, static_cast<unsigned long>(start),
 			static_cast<unsigned long>(count), extent.is_write ? "WRITE" : "READ");
 		count = volume->dvi_sectors - start;
 	}
@@ -223,7 +221,7 @@ static int serve_bio(jorlvolume_info *volume, bio *bio)
 	const int zapped = ka_mapping_zap(&volume->dvi_servicearea);
 	if (zapped == 0)
 		return outcome;
-	WT_ERROR("[Disk-%s] Error zapping the pte entries at %p. Error=%d\n", name_of(volume),
+	WT_ERROR("[Disk-%s] Error zapping the pte entries at %p. Error=%d\n", volume->dvi_name,
 		 reinterpret_cast<void *>(ka_mapping_start(&volume->dvi_servicearea)), zapped);
 	return zapped;
 }
@@ -241,7 +239,7 @@ static void serve_request(jorlvolume_info *volume, request *pending)
 		if (outcome < 0) {
 			end_request(volume, pending, outcome);
 			WT_WARN("[Disk-%s] Error completing request %p. Error(%ld)\n",
-				name_of(volume), static_cast<void *>(pending),
+				volume->dvi_name, static_cast<void *>(pending),
 				static_cast<long>(outcome));
 			return;
 		}
@@ -326,13 +324,13 @@ static void end_thread(jorlvolume_info *volume)
 static int create_thread(jorlvolume_info *volume)
 {
 	char name[JORL_DISK_NAME_SIZE + sizeof("service-")];
-	ka_snprintf(name, sizeof(name), "service-%s", name_of(volume));
+	ka_snprintf(name, sizeof(name), "service-%s", volume->dvi_name);
 	task_struct *thread = ka_kthread_create(volume_service_thread_fn, volume, name);
 	ka_kfifo_reset(volume->dvi_kfifo);
 	if (ka_is_err(thread)) {
 		const int err = static_cast<int>(ka_ptr_err(thread));
 		WT_ERROR("[JRVOL] Unable to create disk service thread for disk %s. Error(%d)\n",
-			 name_of(volume), err);
+			 volume->dvi_name, err);
 		disconnect(volume);
 		return err;
 	}
@@ -345,10 +343,11 @@ static int connect_to_server(jorlvolume_info *volume)
 	socket *sock = jorl_netlink_connect(volume->dvi_datalink_pid);
 	if (ka_is_err(sock)) {
 		WT_ERROR("[JRVOL] Error connecting to port %u for disk %s\n",
-			 volume->dvi_datalink_pid, name_of(volume));
+			 volume->dvi_datalink_pid, volume->dvi_name);
 		end_thread(volume);
 		return static_cast<int>(ka_ptr_err(sock));
 	}
+	ka_sock_end_with_process(sock, &volume->dvi_servicearea);
 	volume->dvi_sd_socket = sock;
 	return 0;
 }
@@ -357,7 +356,7 @@ int jorlvolume_start(jorlvolume_info *volume)
 {
 	char comm[KA_TASK_COMM_LEN];
 	ka_current_comm(comm);
-	WT_INFO("[JRVOL] Starting disk disk %s by task %s(%d)\n", name_of(volume), comm,
+	WT_INFO("[JRVOL] Starting disk disk %s by task %s(%d)\n", volume->dvi_name, comm,
 		ka_current_pid());
 	int err = create_thread(volume);
 	if (err == 0)
@@ -370,7 +369,7 @@ int jorlvolume_start(jorlvolume_info *volume)
 	err = ka_add_disk(&volume->dvi_disk);
 	volume->dvi_is_added = err == 0;
 	if (err != 0) {
-		WT_ERROR("[JRVOL] Unable to add disk %s. Error(%d)\n", name_of(volume), err);
+		WT_ERROR("[JRVOL] Unable to add disk %s. Error(%d)\n", volume->dvi_name, err);
 		end_thread(volume);
 		refuse_requests(volume);
 		disconnect(volume);
@@ -381,7 +380,7 @@ int jorlvolume_start(jorlvolume_info *volume)
 // A start that failed leaves less to be stopped.
 int jorlvolume_stop(jorlvolume_info *volume)
 {
-	WT_INFO("[JRVOL] Stopping disk disk %s\n", name_of(volume));
+	WT_INFO("[JRVOL] Stopping disk disk %s\n", volume->dvi_name);
 	if (volume->dvi_is_added)
 		ka_del_gendisk(volume->dvi_disk);
 	volume->dvi_is_added = false;
@@ -451,7 +450,7 @@ static int make_queue(jorlvolume_info *volume, const char *name)
 	}
 	const size_t block_size = volume->dvi_block_size;
 	return ka_blk_queue_block_size(volume->dvi_queue, static_cast<unsigned short>(block_size),
-				       static_cast<unsigned int>(block_size));
+				       block_size);
 }
 
 static int make_disk(jorlvolume_info *volume, const char *name, unsigned int is_rw)
@@ -517,13 +516,14 @@ static void tear_down(jorlvolume_info *volume, const char *name)
 		ka_kfifo_free(volume->dvi_kfifo);
 }
 
-// A zeroed record, somewhere in the first page of its memory: there where the table of records has the
-// home slot of the address still free. Addresses of whole pages would share two homes. Records
+// A zeroed record, somewhere in the first page of its memory: there where the table of records has
+// the home slot of the address still free. Addresses of whole pages would share two homes. Records
 // beside their homes become unreachable when others go, and make the table grow, which halts the
 // kernel in nearly every state.
 static jorlvolume_info *allocate_record()
 {
 	static constexpr size_t STEP = 8;
+	static_assert(alignof(jorlvolume_info) <= STEP);
 	auto *memory = static_cast<char *>(ka_vmalloc(PAGE_BYTES + sizeof(jorlvolume_info)));
 	if (!memory)
 		return nullptr;
@@ -538,8 +538,7 @@ static jorlvolume_info *allocate_record()
 
 static void free_record(const jorlvolume_info *volume)
 {
-	ka_vfree(reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(volume) &
-					  ~(PAGE_BYTES - 1)));
+	ka_vfree(reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(volume) & ~(PAGE_BYTES - 1)));
 }
 
 jorlvolume_info *alloc_jorlvolume_info(size_t block_size, size_t num_blocks, unsigned int is_rw,
@@ -557,16 +556,17 @@ jorlvolume_info *alloc_jorlvolume_info(size_t block_size, size_t num_blocks, uns
 		WT_ERROR("[JRREG] Unable to allocate mememory to create disk %s\n", name);
 		return static_cast<jorlvolume_info *>(ka_err_ptr(-KA_ENOMEM));
 	}
+	memcpy(volume->dvi_name, name, sizeof(name));
 	volume->dvi_sectors = num_blocks;
 	volume->dvi_block_size = block_size;
 
 	int err = build(volume, name, is_rw, servicearea);
 	if (err == 0)
 		return volume;
-	// The mapping stays marked: it serves no other disk.
 	if (remove_jorlvolume_info(volume) == 0)
 		return static_cast<jorlvolume_info *>(ka_err_ptr(err));
 	tear_down(volume, name);
+	// The mapping stays marked: it serves no other disk.
 	ka_mapping_give_up(&volume->dvi_servicearea);
 	free_record(volume);
 	return static_cast<jorlvolume_info *>(ka_err_ptr(err));
@@ -575,7 +575,7 @@ jorlvolume_info *alloc_jorlvolume_info(size_t block_size, size_t num_blocks, uns
 void cleanup_jorlvolume_info(jorlvolume_info *volume)
 {
 	char name[JORL_DISK_NAME_SIZE];
-	ka_snprintf(name, sizeof(name), "%.30s", name_of(volume));
+	ka_snprintf(name, sizeof(name), "%.30s", volume->dvi_name);
 	// Only a disk whose destruction a signal kept off is still started.
 	if (volume->dvi_is_added)
 		jorlvolume_stop(volume);

@@ -19,6 +19,7 @@ constexpr size_t JORL_DISK_NAME_SIZE = 32;
 // One restore disk. It is freed, and torn down, when the last reference on kobj goes.
 struct jorlvolume_info {
 	ka_kobject kobj;
+	char dvi_name[JORL_DISK_NAME_SIZE];
 	int dvi_major;             // every disk has its own; 0: none
 	ka_mutex dvi_mtx;          // serialises start, stop, and access to dvi_userdata
 	int dvi_pid;               // of the serving process

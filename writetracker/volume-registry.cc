@@ -64,7 +64,9 @@ static volume_info *volume_of(ka_kobject *kobj)
 // Bitmaps and hook are gone by then: stopping the tracking freed them.
 static void release_volume_info(ka_kobject *kobj)
 {
-	ka_vfree(volume_of(kobj));
+	volume_info *volume = volume_of(kobj);
+	ka_put_queue(volume->vi_queue); // of a queue whose hook could not be removed
+	ka_vfree(volume);
 }
 
 static ka_kobj_type kobj_volinfo_type = {release_volume_info, &g_vol_sysfs_ops, g_attr_wt, {}};

@@ -30,6 +30,7 @@ struct volume_info {
 	Atomic<const ka_block_device_operations *> vi_blockfops_old;
 	Atomic<ka_make_request_fn *> vi_mrqfn_old; // every bio is forwarded to it
 	ka_make_request_fn *vi_mrqfn_new;          // found in the queue once the hook was installed
+	request_queue *vi_queue;                   // with the hook; referenced while tracked
 	Atomic<hbitmap *> vi_bitmap;               // live; null while not tracked
 	hbitmap *vi_bitmap_snapshot;               // frozen at the last switch; may be null
 	Atomic<ka_sector_t> vi_start;              // on the disk

@@ -255,10 +255,12 @@ int volume_info_start_tracking(volume_info *volume)
 	if (err != 0)
 		return err;
 
+	request_queue *queue = ka_bdev_queue(device.get());
 	ka_fsync_bdev(device.get());
 	super_block *frozen = ka_freeze_bdev(device.get());
-	install_hook(volume, ka_bdev_queue(device.get()));
+	install_hook(volume, queue);
 	ka_thaw_bdev(device.get(), frozen);
+	volume->vi_queue = ka_get_queue(queue);
 	volume->vi_istracked = 1;
 	return 0;
 }
@@ -310,6 +312,8 @@ int volume_info_stop_tracking(volume_info *volume, bool unpatch_mrfqn)
 	ka_vfree(bitmap);
 	ka_vfree(volume->vi_bitmap_snapshot);
 	volume->vi_bitmap_snapshot = nullptr;
+	ka_put_queue(volume->vi_queue);
+	volume->vi_queue = nullptr;
 	volume->vi_istracked = 0;
 	return 0;
 }

@@ -16,15 +16,6 @@ write_iops() { # DISK DEPTH
 		--output-format=terse | cut -d';' -f49
 }
 
-median() { # FILE
-	sort -n "$1" | awk '{ value[NR] = $1 } END { print value[int((NR + 1) / 2)] }'
-}
-
-ratio() { # VARIANT
-	awk -v value="$(median "/tmp/$1")" -v plain="$(median /tmp/plain)" \
-		'BEGIN { printf "%.3f", value / plain }'
-}
-
 use_era() { # over $disk
 	modprobe -q dm-era
 	dmsetup targets | grep -q era || skip "no dm-era"
@@ -47,6 +38,6 @@ compare_at_depth() { # DEPTH
 	done
 	{
 		echo "  4 KiB random writes, queue depth $1, median of ${rounds:-5}, IOPS relative to plain:"
-		echo "    plain $(median /tmp/plain) IOPS   tracked $(ratio tracked)   dm-era $(ratio era)"
+		echo "    plain $(median /tmp/plain) IOPS   tracked $(ratio tracked plain)   dm-era $(ratio era plain)"
 	} >/dev/ttyS1
 }

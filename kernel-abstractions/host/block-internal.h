@@ -51,6 +51,7 @@ struct request {
 
 struct request_queue {
 	std::atomic<ka_make_request_fn *> make_request;
+	std::atomic<int> references{0}; /* those that were asked for */
 	gendisk *disk = nullptr;
 	/* Of a queue of the driver's. */
 	ka_request_fn *request_fn = nullptr;

@@ -271,9 +271,12 @@ void report_block(Report &report)
 	std::lock_guard guard(b.lock);
 	for (auto &disk : b.disks)
 		report_disk(report, disk);
-	for (auto &queue : b.queues)
+	for (auto &queue : b.queues) {
 		if (queue.request_fn)
 			report.push_back("a request queue");
+		if (queue.references != 0)
+			report.push_back("references on a queue");
+	}
 	report_requests(report);
 	for (auto &[major, name] : b.majors)
 		report.push_back("block major of " + name);
@@ -372,6 +375,21 @@ gendisk *ka_bdev_disk(block_device *bdev)
 request_queue *ka_bdev_queue(block_device *bdev)
 {
 	return bdev->disk->queue;
+}
+
+request_queue *ka_get_queue(request_queue *queue)
+{
+	if (injected("ka_get_queue", -KA_ENXIO) || !queue->disk->live)
+		return nullptr;
+	queue->references++;
+	return queue;
+}
+
+void ka_put_queue(request_queue *queue)
+{
+	might_sleep("ka_put_queue");
+	if (queue && queue->references-- == 0)
+		violation("ka_put_queue: not referenced");
 }
 
 ka_dev_t ka_bdev_whole_dev(block_device *bdev)

@@ -348,13 +348,13 @@ ka_disk_owner *ka_queue_owner(request_queue *queue)
 	return queue->owner;
 }
 
-int ka_blk_queue_block_size(request_queue *, unsigned short logical, unsigned int physical)
+int ka_blk_queue_block_size(request_queue *, unsigned short logical, size_t physical)
 {
 	if (long error = injected("ka_blk_queue_block_size", -KA_EINVAL))
 		return static_cast<int>(error);
-	if (logical != 0 && logical <= page_size && physical >= logical)
+	if (logical == physical && logical <= page_size && std::has_single_bit(logical))
 		return 0;
-	ka_printk(3, "block size %u: not on this kernel\n", physical);
+	ka_printk(3, "block size %zu: not on this kernel\n", physical);
 	return -KA_EINVAL;
 }
 
@@ -481,11 +481,6 @@ void ka_disk_describe(gendisk *disk, ka_disk_owner *owner, const ka_disk_descrip
 	disk->read_only = description->read_only;
 	if (disk->spec.name.size() > 31)
 		throw Bug("ka_disk_describe: a name of more than 31 characters");
-}
-
-const char *ka_disk_name(const gendisk *disk)
-{
-	return disk->spec.name.c_str();
 }
 
 int ka_disk_is_read_only(const gendisk *disk)

@@ -122,6 +122,11 @@ int ka_sock_connect(struct socket *socket, uint32_t address, uint16_t port)
 	return result == 0 ? error : result;
 }
 
+/* A process of the model is killed with all its threads at once. */
+void ka_sock_end_with_process(struct socket *, const ka_mapping *)
+{
+}
+
 int ka_sock_sendmsg(struct socket *socket, const void *buffer, size_t length, size_t total)
 {
 	might_sleep("ka_sock_sendmsg");

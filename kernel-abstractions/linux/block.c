@@ -27,6 +27,17 @@ struct request_queue *ka_bdev_queue(struct block_device *bdev)
 	return bdev_get_queue(bdev);
 }
 
+struct request_queue *ka_get_queue(struct request_queue *queue)
+{
+	return kernel_get_queue(queue) ? queue : NULL;
+}
+
+void ka_put_queue(struct request_queue *queue)
+{
+	if (queue)
+		blk_put_queue(queue);
+}
+
 ka_dev_t ka_bdev_whole_dev(struct block_device *bdev)
 {
 	return disk_devt(bdev->bd_disk);

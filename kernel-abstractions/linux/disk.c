@@ -26,12 +26,11 @@ static bool is_block_size(unsigned int bytes)
 	return bytes >= 512 && bytes <= PAGE_SIZE && is_power_of_2(bytes);
 }
 
-int ka_blk_queue_block_size(struct request_queue *queue, unsigned short logical,
-			    unsigned int physical)
+int ka_blk_queue_block_size(struct request_queue *queue, unsigned short logical, size_t physical)
 {
-	if (!is_block_size(logical) || !is_power_of_2(physical)) {
-		pr_err("zorvat: block size %u (physical %u): not a power of two from 512 to %lu\n",
-		       logical, physical, PAGE_SIZE);
+	if (!is_block_size(logical) || physical != logical) {
+		pr_err("zorvat: block size %zu: not a power of two from 512 to %lu\n", physical,
+		       PAGE_SIZE);
 		return -EINVAL;
 	}
 	kernel_queue_block_size(queue, logical, physical);
@@ -99,11 +98,6 @@ void ka_disk_describe(struct gendisk *disk, struct ka_disk_owner *owner,
 	disk->private_data = owner;
 	strlcpy(disk->disk_name, description->name, sizeof(disk->disk_name));
 	set_capacity(disk, description->capacity);
-}
-
-const char *ka_disk_name(const struct gendisk *disk)
-{
-	return disk->disk_name;
 }
 
 int ka_disk_is_read_only(const struct gendisk *disk)

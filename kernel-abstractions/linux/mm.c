@@ -8,10 +8,10 @@
  * process that ends while the record is given up, which nobody can wait for, finds all it needs.
  *
  * A takeover's mappings change only under the lock of the address space, or in its end, when nobody
- * can enter it any more. Taking pages out of them needs no lock of the process's: it is done as for
- * a file that is cut short, in all that shows this part of the file behind the mapping.
+ * can enter it any more.
  */
 #include "../mm.h"
+#include "../block.h"
 
 #include <linux/file.h>
 #include <linux/fs.h>
@@ -43,6 +43,7 @@
 
 struct takeover {
 	atomic_t references;
+	struct task_struct *process;
 	struct mm_struct *mm;       /* pinned, not in use */
 	struct vm_area_struct *vma; /* what was taken; null when that is gone */
 	unsigned long flags;        /* its flags and operations before */
@@ -53,8 +54,10 @@ struct takeover {
 	atomic_t changes; /* mappings that came or went */
 
 	unsigned long shown_from; /* where pages are shown; 0: nowhere */
-	bool keeps_locked;        /* the process, its address space, last time */
-	int shown_changes;        /* the changes until then */
+	unsigned long *shown;     /* their frame numbers, KA_BIO_MAX_PAGES at most */
+	size_t shown_pages;
+	bool keeps_locked; /* the process, its address space, last time */
+	int shown_changes; /* the changes until then */
 
 	spinlock_t lock;            /* guards the next three */
 	struct ka_mapping *mapping; /* of the record; null when that has let go */
@@ -79,6 +82,8 @@ static void put_takeover(struct takeover *takeover)
 	if (takeover->file)
 		fput(takeover->file);
 	mmdrop(takeover->mm);
+	put_task_struct(takeover->process);
+	kfree(takeover->shown);
 	kfree(takeover);
 	rcu_read_lock_sched();
 	if (atomic_dec_and_test(&takeovers))
@@ -86,7 +91,7 @@ static void put_takeover(struct takeover *takeover)
 	rcu_read_unlock_sched();
 }
 
-void ka_wait_for_takeovers(void)
+void kernel_wait_for_takeovers(void)
 {
 	wait_event(takeover_gone, !atomic_read(&takeovers));
 	kernel_synchronize_sched();
@@ -139,9 +144,10 @@ static void close_taken(struct vm_area_struct *vma)
 	if (takeover->mapping && takeover->closed)
 		takeover->closed(takeover->mapping, vma->vm_start);
 	spin_unlock(&takeover->lock);
-	count_out(takeover, vma);
+	vma->vm_ops = takeover->before;
 	if (vma->vm_ops && vma->vm_ops->close)
 		vma->vm_ops->close(vma);
+	count_out(takeover, vma); /* the last thing, since the module may go then */
 }
 
 /* --- Into the address space and out of it ---------------------------------------------------- */
@@ -236,7 +242,14 @@ static struct takeover *alloc_takeover(struct ka_mapping *mapping,
 
 	if (!takeover)
 		return NULL;
+	takeover->shown = kcalloc(KA_BIO_MAX_PAGES, sizeof(*takeover->shown), GFP_KERNEL);
+	if (!takeover->shown) {
+		kfree(takeover);
+		return NULL;
+	}
 	atomic_set(&takeover->references, 1); /* the record's */
+	takeover->process = current->group_leader;
+	get_task_struct(takeover->process);
 	takeover->mm = current->mm;
 	kernel_mmgrab(takeover->mm);
 	spin_lock_init(&takeover->lock);
@@ -260,7 +273,7 @@ static void take_vma(struct takeover *takeover, struct vm_area_struct *vma)
 		takeover->operations = *vma->vm_ops;
 	takeover->operations.open = open_taken;
 	takeover->operations.close = close_taken;
-	kernel_refuse_moves(&takeover->operations);
+	kernel_adapt_operations(&takeover->operations);
 	count_in(takeover);
 	vma->vm_private_data = takeover->mapping;
 	vma->vm_ops = &takeover->operations;
@@ -344,6 +357,16 @@ void ka_mapping_give_up(struct ka_mapping *mapping)
 
 /* --- What is known of it, and pages ---------------------------------------------------------- */
 
+struct task_struct *kernel_get_process_of(const struct ka_mapping *mapping)
+{
+	struct takeover *takeover = takeover_in(mapping);
+
+	if (!takeover)
+		return NULL;
+	get_task_struct(takeover->process);
+	return takeover->process;
+}
+
 int ka_mapping_is_taken(const struct ka_mapping *mapping)
 {
 	return takeover_in(mapping) != NULL;
@@ -400,19 +423,24 @@ static int show_page(struct takeover *takeover, size_t offset, unsigned long pfn
 {
 	struct vm_area_struct *vma = takeover->vma;
 	size_t size = vma && is_in_place(takeover) ? vma->vm_end - vma->vm_start : 0;
+	size_t page = offset >> PAGE_SHIFT;
 	unsigned long address;
 	int err;
 
-	if (size <= PAGE_SIZE || offset > size - PAGE_SIZE)
+	if (size <= PAGE_SIZE || offset > size - PAGE_SIZE || page >= KA_BIO_MAX_PAGES)
 		return -EIO;
 	address = vma->vm_start + offset;
 	kernel_zap_vma_ptes(vma, address, PAGE_SIZE);
 	err = remap_pfn_range(vma, address, pfn, PAGE_SIZE, vma->vm_page_prot);
-	if (!err && !takeover->shown_from) {
+	if (err)
+		return err;
+	if (!takeover->shown_from) {
 		takeover->shown_from = vma->vm_start;
 		takeover->shown_changes = atomic_read(&takeover->changes);
 	}
-	return err;
+	takeover->shown[page] = pfn;
+	takeover->shown_pages = max(takeover->shown_pages, page + 1);
+	return 0;
 }
 
 int ka_mapping_show_page(struct ka_mapping *mapping, size_t offset, unsigned long pfn)
@@ -427,22 +455,64 @@ int ka_mapping_show_page(struct ka_mapping *mapping, size_t offset, unsigned lon
 	return err;
 }
 
-/* Whether the process, which may be gone without a word, could see all that was shown to it. */
+/*
+ * Whether the process, which may be gone without a word, could see all that was shown to it, and
+ * nothing else there. Pages can be taken out by others: by whoever cuts the file short or makes
+ * holes in it. Then the process may have filled pages of its own. Nobody puts ours back, so what is
+ * there now was there all the time.
+ */
 static bool was_seen(struct takeover *takeover)
 {
-	return atomic_read(&takeover->mm->mm_users) && takeover->vma && is_in_place(takeover);
+	size_t page;
+
+	if (!takeover->vma || !is_in_place(takeover) || kernel_is_being_killed(takeover->process))
+		return false;
+	for (page = 0; page < takeover->shown_pages; page++) {
+		unsigned long address = takeover->vma->vm_start + (page << PAGE_SHIFT);
+		unsigned long pfn;
+
+		if (follow_pfn(takeover->vma, address, &pfn) || pfn != takeover->shown[page])
+			return false;
+	}
+	return true;
 }
 
+/* With the address space's lock. Usually there is no more to it than the pages that were shown. */
+static void zap_mappings(struct takeover *takeover)
+{
+	struct vm_area_struct *vma = takeover->vma;
+
+	if (!takeover->shown_pages)
+		return;
+	if (vma && is_in_place(takeover)) {
+		kernel_zap_vma_ptes(vma, vma->vm_start, takeover->shown_pages << PAGE_SHIFT);
+		return;
+	}
+	vma = NULL;
+	while ((vma = next_mapping(takeover, vma)))
+		kernel_zap_vma_ptes(vma, vma->vm_start, vma->vm_end - vma->vm_start);
+}
+
+/*
+ * Where the lock cannot be had, all that shows this part of the file loses it, as when a file is
+ * cut short, but for private copies of its pages.
+ */
 int ka_mapping_zap(struct ka_mapping *mapping)
 {
 	struct takeover *takeover = takeover_in(mapping);
-	int err;
+	bool seen = false;
 
 	if (!takeover)
 		return -EIO;
-	unmap_mapping_range(takeover->file->f_mapping, takeover->file_begin, takeover->file_length,
-			    1);
-	err = was_seen(takeover) ? 0 : -EIO;
+	if (enter(takeover)) {
+		seen = was_seen(takeover);
+		zap_mappings(takeover);
+		leave(takeover);
+	} else {
+		unmap_mapping_range(takeover->file->f_mapping, takeover->file_begin,
+				    takeover->file_length, 0);
+	}
 	takeover->shown_from = 0;
-	return err;
+	takeover->shown_pages = 0;
+	return seen ? 0 : -EIO;
 }

@@ -396,10 +396,11 @@ TEST_F(DmProcessor, AHiddenDeviceGivesTheHookBack)
 			EXPECT_EQ(is_hooked(), strstr(name, "real") != nullptr) << name;
 		}
 	}
+	// Opening a suspended volume may wait for its resume.
 	model::take_block_calls();
 	EXPECT_EQ(suspend(dm(1), "vg-data-real"), success);
-	EXPECT_THAT(model::take_block_calls(), ElementsAre("open 253:0", "put 253:0"));
-	model::fail("ka_open_by_devnum");
+	EXPECT_THAT(model::take_block_calls(), IsEmpty());
+	model::fail("ka_get_queue");
 	EXPECT_EQ(suspend(dm(1), "vg-data-real"), success);
 	EXPECT_THAT(model::log(),
 		    ElementsAre(error_line("Unable to get the block device pointer to disk dm-0")));

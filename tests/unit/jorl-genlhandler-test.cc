@@ -145,6 +145,7 @@ TEST_F(RestoreCommands, Failures)
 		{19, good, -12, "[JRMG] Unable to allocate jorl disk. error(-12)", "ka_vmalloc"},
 		{19, good, -90, "[JRGENL] Unable set alloc disk command response(-90)",
 		 "ka_nla_put"},
+		{19, good, -111, unsent, "ka_genlmsg_unicast"},
 		{20, disk, -22, no_port},
 		{20, with(disk, 28, Bytes(7)), -22, no_port},
 		{20, with(disk, 28, bytes_of(uint64_t{1})), -111,
@@ -298,7 +299,12 @@ TEST_F(RestoreCommands, FilesOfTheManager)
 	EXPECT_EQ(model::sysfs_show(family).text,
 		  "zorvat-control:" + std::to_string(wt_genl_family->id));
 	EXPECT_EQ(model::sysfs_show(count).text, "1");
+	EXPECT_EQ(model::sysfs_show(count).text, "1"); // the reader's own does not count
 	model::settle();
+	// Whoever takes the manager down waits for the reader, who must not wait for him.
+	jorlmanager_context.is_initialized.set(0);
+	EXPECT_EQ(model::sysfs_show(count).result, -11);
+	jorlmanager_context.is_initialized.set(1);
 	create(area);
 	EXPECT_EQ(model::sysfs_show(count).text, "2");
 	model::settle();

@@ -171,7 +171,7 @@ TEST_F(JorlManager, CreationRules)
 	EXPECT_FALSE(is_up());
 
 	const std::map<size_t, size_t> block_sizes = {{0, 512},    {1, 512},     {512, 512},
-						      {513, 1024}, {1025, 1536}, {4096, 4096}};
+						      {513, 1024}, {3585, 4096}, {4096, 4096}};
 	const JorlManagerRef reference;
 	for (auto [asked, rounded] : block_sizes) {
 		jorlvolume_info *volume = create(area, asked, 7);

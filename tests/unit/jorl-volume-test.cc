@@ -2,6 +2,7 @@
 // The block device of a restore disk and its service thread, against a server that misbehaves.
 #include "writetracker/jorl-volume.h"
 
+#include <limits>
 #include <thread>
 
 #include "restore-fixture.h"
@@ -110,6 +111,9 @@ TEST_F(Created, Outcomes)
 		{DiskServer::replies(ok, 0), 0, ""},
 		{DiskServer::replies(ok, 16), 0, ""},
 		{DiskServer::replies(ok, -5), -5, ""},
+		// What is no error number is an error all the same.
+		{DiskServer::replies(ok, -(int64_t{1} << 32)), -5, ""},
+		{DiskServer::replies(ok, std::numeric_limits<int64_t>::min()), -5, ""},
 		{DiskServer::replies(err, -12), -12, "Error -12 " + returned},
 		{DiskServer::replies(err, 0), 0, "Error 0 " + returned},
 		{DiskServer::replies(0, 3), 0, "Error 3 " + returned},
@@ -145,7 +149,7 @@ TEST_F(Created, Outcomes)
 		EXPECT_EQ(logged_disk_lines(), size_t{c.error != 0} + !c.line.empty());
 		EXPECT_TRUE(c.line.empty() || model::logged("[Disk-zorvat-a] " + c.line)) << c.line;
 	}
-	EXPECT_EQ(volume->dvi_sd_msguid, 38u); // not reset by a start
+	EXPECT_EQ(volume->dvi_sd_msguid, 42u); // not reset by a start
 }
 
 TEST_F(Created, RefusesAndTruncates)
@@ -324,7 +328,9 @@ TEST_F(Restore, ServiceAreas)
 	volume = create(area); // free again
 	ASSERT_FALSE(ka_is_err(volume));
 	EXPECT_EQ(destroy(volume), 0);
-	for (size_t block_size : {8192, 65536}) { // more than this kernel can
+	// More than this kernel can, also in their lower bits.
+	for (size_t block_size : {size_t{8192}, size_t{65536}, size_t{1536},
+				  (size_t{1} << 32) + 512, std::numeric_limits<size_t>::max()}) {
 		ProcessMapping memory(area_bytes);
 		EXPECT_EQ(ka_ptr_err(create(memory, block_size)), -22);
 	}

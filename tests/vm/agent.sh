@@ -5,8 +5,8 @@
 
 cases() {
 	echo load
-	echo every_point_is_its_snapshot "${rounds:-2}"
-	echo killed_at_random "${rounds:-2}"
+	echo every_point_is_its_snapshot "${rounds:-1}"
+	echo killed_at_random "${rounds:-1}"
 	echo no_room_in_the_repository
 	echo a_flipped_byte_is_found
 	echo tells_why_it_is_full

@@ -307,3 +307,43 @@ copy_extents() { # FROM TO: reads "START LENGTH ..." lines
 			count=$(((length + 127) / 128)) conv=notrunc 2>/dev/null
 	done
 }
+
+# --- Restore disks, until the case ends
+
+serve() { # IMAGE [OPTION...]: $served is the disk, $server its server
+	: >/tmp/served
+	zorvatctl serve "$@" >/tmp/served 2>&1 &
+	server=$!
+	defer "stop_serving $server"
+	eventually 20 grep -q ^/dev/ /tmp/served
+	served=$(grep -m1 ^/dev/ /tmp/served)
+	[ -b $served ]
+}
+
+stop_serving() { # PROCESS
+	kill $1 2>/dev/null
+	wait $1
+	case $? in
+	0 | 143) ;; # ended in order, by itself or by the signal
+	137) ;; # killed by the case
+	*) return 1 ;;
+	esac
+}
+
+use_nbdkit() { # with /tmp/image at the socket /tmp/nbd
+	rm -f /tmp/nbd
+	nbdkit --foreground --readonly --unix /tmp/nbd file /tmp/image &
+	defer "kill $!; wait $! || true"
+	eventually 10 test -S /tmp/nbd || skip "nbdkit does not run here"
+}
+
+# --- Measurements, one number per line of a file
+
+median() { # FILE
+	sort -n "$1" | awk '{ value[NR] = $1 } END { print value[int((NR + 1) / 2)] }'
+}
+
+ratio() { # FILE FILE, in /tmp: of their medians
+	awk -v value="$(median "/tmp/$1")" -v other="$(median "/tmp/$2")" \
+		'BEGIN { printf "%.3f", value / other }'
+}

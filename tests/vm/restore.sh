@@ -13,12 +13,21 @@ cases() {
 	for type in ext4 xfs partitions; do
 		echo mounts $type
 	done
+	echo reads_back_an_nbd_export
 	echo two_disks_two_readers
 	echo lists_70_disks
 	echo suspends_under_load
 	echo server_killed_under_load
 	echo destroyed_while_mounted
 	echo unload_is_refused_while_there_are_disks
+	for behaviour in silent slow garbage "cut 0" "cut 13" "cut 47" fail ahead; do
+		echo answers $behaviour
+	done
+	for behaviour in unmap unmap-middle map-over protect forbid move discard touch fork; do
+		echo plays_with_its_area $behaviour
+	done
+	echo shows_pages_for_one_request_only
+	echo goes_silent_while_the_disk_is_added
 	echo creates_and_destroys "${rounds:-10}"
 	echo unload
 }
@@ -34,6 +43,13 @@ reads_back() { # BLOCK_SIZE
 	oracle equal /tmp/image $served
 	read-probe /tmp/image $served "$1"
 	fails dd if=/dev/zero of=$served bs=4k count=1 conv=fsync
+}
+
+reads_back_an_nbd_export() {
+	make_image 4
+	use_nbdkit
+	serve "nbd+unix:///?socket=/tmp/nbd"
+	oracle equal /tmp/image $served
 }
 
 refuses_block_size() { # BLOCK_SIZE
@@ -96,7 +112,6 @@ server_killed_under_load() {
 	serve /tmp/image
 	keep_reading
 	kill -9 $server
-	wait $server || true
 	eventually 10 fails is_reading
 	fails dd if=$served of=/dev/null bs=64k count=1 iflag=direct
 	zorvatctl disks | grep zorvat-
@@ -124,10 +139,65 @@ unload_is_refused_while_there_are_disks() {
 	oracle equal /tmp/image $served
 }
 
+# Whatever a server does, it can be killed, its disk ends, and the next one is well.
+answers() { # BEHAVIOUR of hostile-server
+	server_goes_bad "$@"
+	kill -9 $server
+	eventually 10 fails is_reading
+	end_bad_server
+}
+
+plays_with_its_area() { # BEHAVIOUR of hostile-server
+	server_goes_bad "$@"
+	zorvatctl destroy "${served#/dev/}" # which the server lives to see
+	eventually 10 fails is_reading
+	kill -USR2 $server
+	kill -0 $server
+	[ ! -e /tmp/wrong ]
+	fails grep -v ^/dev/ /tmp/served
+	served=
+	end_bad_server
+}
+
+shows_pages_for_one_request_only() {
+	make_image 8
+	serve_badly look
+	kill -USR1 $server
+	dd if=$served of=/dev/null bs=64k count=1 iflag=direct
+	eventually 5 grep -x 'seen during 16 after 0' /tmp/served
+	kill -9 $server
+	end_bad_server
+}
+
+goes_silent_while_the_disk_is_added() {
+	make_image 8
+	: >/tmp/served
+	hostile-server /tmp/image silent 0 at-once >/tmp/served 2>&1 &
+	server=$!
+	defer "kill -9 $server 2>/dev/null; wait $server || true"
+	# Whoever adds the disk waits for its partitions, and commands wait for him.
+	local disks=/sys/zorvat/restore-volumes
+	eventually 5 eval "ls $disks | grep zorvat-"
+	served=/dev/$(ls $disks | grep zorvat-)
+	sleep 2
+	kill -9 $server
+	end_bad_server
+}
+
+# Its disk can be destroyed, and another server's reads back.
+end_bad_server() { # of $served, if that is left
+	[ -z "$served" ] || zorvatctl destroy "${served#/dev/}"
+	kill -9 $server 2>/dev/null || true
+	zorvatctl disks --json | grep -F '[]'
+	serve /tmp/image
+	oracle equal /tmp/image $served
+}
+
 creates_and_destroys() { # ROUNDS
 	make_image 4
 	for round in $(seq "$1"); do
 		[ $round != 3 ] || local before=$(unreclaimable)
+		: >/tmp/served
 		zorvatctl serve /tmp/image >/tmp/served 2>&1 &
 		server=$!
 		eventually 10 grep -q ^/dev/ /tmp/served
@@ -185,35 +255,46 @@ make_file_system() { # ext4|xfs|partitions
 	losetup -d $device
 }
 
-# --- Serving, until the case ends
+# --- Servers that go bad, until the case ends
 
-serve() { # IMAGE [OPTION...]: $served is the disk, $server its server
+serve_badly() { # BEHAVIOUR [NUMBER]: $served is the disk of a server that will behave so, $server
 	: >/tmp/served
-	zorvatctl serve "$@" >/tmp/served 2>&1 &
+	hostile-server /tmp/image "$@" >/tmp/served 2>&1 &
 	server=$!
-	defer "stop_serving $server"
+	defer "kill -9 $server 2>/dev/null; wait $server || true"
 	eventually 20 grep -q ^/dev/ /tmp/served
 	served=$(grep -m1 ^/dev/ /tmp/served)
-	[ -b $served ]
+	oracle equal /tmp/image $served
 }
 
-stop_serving() { # PROCESS
-	kill $1 2>/dev/null
-	wait $1
-	case $? in
-	0 | 143) ;; # by itself, by the signal
-	137) ;;     # killed by the case
-	*) return 1 ;;
-	esac
-}
-
-keep_reading() {
-	(set +ex; while dd if=$served of=/dev/null bs=256k iflag=direct 2>/dev/null; do :; done) &
-	reader=$!
-	defer "wait $reader || true"
+server_goes_bad() { # BEHAVIOUR [NUMBER]: while its disk is read
+	make_image 8
+	serve_badly "$@"
+	keep_reading
+	keep_reading
+	kill -USR1 $server
 	sleep 1
 }
 
+# Reads the disk until a read fails. What was read and is not the image's is told by /tmp/wrong.
+keep_reading() {
+	rm -f /tmp/wrong
+	local copy
+	copy=$(mktemp /tmp/read.XXXXXX)
+	(set +ex; while dd if=$served of=$copy bs=256k iflag=direct 2>/dev/null; do
+		# The end comes early when the disk is taken away.
+		cmp -s -n "$(stat -c %s $copy)" $copy /tmp/image || touch /tmp/wrong
+	done
+	rm $copy) &
+	readers="${readers-} $!"
+	defer "kill $! 2>/dev/null; wait $! || true"
+	usleep 300000
+}
+
 is_reading() {
-	kill -0 $reader
+	local reader
+	for reader in $readers; do
+		! kill -0 $reader 2>/dev/null || return 0
+	done
+	return 1
 }

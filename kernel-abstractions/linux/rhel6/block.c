@@ -18,7 +18,7 @@ int ka_init(void)
 
 void ka_exit(void)
 {
-	ka_wait_for_takeovers();
+	kernel_wait_for_takeovers();
 }
 
 struct block_device *ka_open_by_devnum(ka_dev_t dev, unsigned int mode)

@@ -55,6 +55,11 @@ static inline void kernel_mutex_unlock(struct mutex *mutex)
 		mutex_unlock(mutex);
 }
 
+static inline bool kernel_get_queue(struct request_queue *queue)
+{
+	return blk_get_request_queue(queue);
+}
+
 static inline struct kobject *kernel_kobject_get(struct kobject *kobj)
 {
 	return atomic_inc_not_zero(&kobj->kref.refcount) ? kobj : NULL;
@@ -159,8 +164,18 @@ static inline void kernel_zap_vma_ptes(struct vm_area_struct *vma, unsigned long
 }
 
 /* A move cannot be refused: the copy, with the pages, belongs to the takeover like a split part. */
-static inline void kernel_refuse_moves(struct vm_operations_struct *operations)
+static inline void kernel_adapt_operations(struct vm_operations_struct *operations)
 {
+}
+
+/*
+ * Of a process's first thread: it ends, or is on its way there and may wait for others before. A
+ * process whose first thread ends before the others is taken for one that is being killed; what
+ * would tell, task->signal, can be freed at any moment here.
+ */
+static inline bool kernel_is_being_killed(struct task_struct *process)
+{
+	return fatal_signal_pending(process) || process->flags & (PF_EXITING | PF_SIGNALED);
 }
 
 /* --- Block devices --------------------------------------------------------------------------- */

@@ -677,7 +677,7 @@ void ka_exit(void)
 		if (!abandon_one())
 			schedule_timeout_idle(HZ / 20);
 	wait_for_readers();
-	ka_wait_for_takeovers();
+	kernel_wait_for_takeovers();
 	destroy_workqueue(late_puts);
 	srcu_barrier(&hooks_srcu);
 }

@@ -50,6 +50,11 @@ static inline void kernel_mutex_unlock(struct mutex *mutex)
 	mutex_unlock(mutex);
 }
 
+static inline bool kernel_get_queue(struct request_queue *queue)
+{
+	return blk_get_queue(queue);
+}
+
 static inline struct kobject *kernel_kobject_get(struct kobject *kobj)
 {
 	return kobject_get_unless_zero(kobj);
@@ -188,10 +193,21 @@ static inline int kernel_refuse_move(struct vm_area_struct *vma)
 	return -EINVAL;
 }
 
-/* A move takes the pages along, and would end in the close of the mapping that was taken. */
-static inline void kernel_refuse_moves(struct vm_operations_struct *operations)
+/*
+ * A move takes the pages along, and would end in the close of the mapping that was taken. And a
+ * file system that is asked before a raw page is written looks for the page in its file.
+ */
+static inline void kernel_adapt_operations(struct vm_operations_struct *operations)
 {
 	operations->mremap = kernel_refuse_move;
+	operations->pfn_mkwrite = NULL;
+}
+
+/* Of a process's first thread: the process ends, though its threads may wait for others before. */
+static inline bool kernel_is_being_killed(struct task_struct *process)
+{
+	return READ_ONCE(process->signal->flags) & SIGNAL_GROUP_EXIT ||
+	       !atomic_read(&process->signal->live);
 }
 
 /* --- Block devices --------------------------------------------------------------------------- */
