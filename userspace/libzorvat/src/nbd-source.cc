@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <bit>
 #include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <libnbd.h>
 #include <poll.h>
@@ -52,11 +54,25 @@ Error cannot_serve(const std::string &uri, std::string_view why)
 		     "is the server running, and does it have this export?", number());
 }
 
+/* Where the kernel has no files in memory, as 2.6.32, one without a name serves. */
+int nameless_file()
+{
+	const int file = memfd_create("zorvat-nbd", MFD_CLOEXEC);
+	if (file >= 0 || errno != ENOSYS)
+		return file;
+	std::FILE *stream = std::tmpfile();
+	if (!stream)
+		return -1;
+	const int duplicate = fcntl(fileno(stream), F_DUPFD_CLOEXEC, 0);
+	std::fclose(stream);
+	return duplicate;
+}
+
 /* Memory that is a file, too. */
 class Bounce
 {
 public:
-	Bounce() : file_(memfd_create("zorvat-nbd", MFD_CLOEXEC))
+	Bounce() : file_(nameless_file())
 	{
 		if (!file_ || ftruncate(file_.get(), bounce_bytes) != 0)
 			throw failure();
