@@ -196,6 +196,23 @@ TEST_F(AgentTest, whatever_others_do_to_the_bitmap_leads_to_a_full_backup)
 	}
 }
 
+/* The driver counts the switches of the tracking that was begun anew from 0. */
+TEST_F(AgentTest, a_full_backup_that_was_due_stays_due)
+{
+	std::minstd_rand random(4);
+	bool died = true;
+	for (int steps = 0; died; steps++) {
+		repository_ = directory_ / std::to_string(steps);
+		machine_->tracked = false;
+		back_up();
+		machine_->tracked = false;
+		write_some(random);
+		died = dies(*machine_, steps, [&] { back_up(); });
+		back_up();
+		ASSERT_EQ(read_point(Repository(repository_), ""), truth()) << steps;
+	}
+}
+
 /* The frozen bitmap of an interrupted backup is dropped: its changes are in the attempt. */
 TEST_F(AgentTest, a_clear_after_an_interrupted_backup_loses_nothing)
 {

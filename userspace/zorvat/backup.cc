@@ -98,6 +98,7 @@ private:
 	void look_at_history();
 	void remove_old_snapshots();
 	void decide();
+	void break_chain(TrackerState &state);
 	void begin_attempt();
 	void note_changes();
 	void look_at_changes(const TrackerState &after);
@@ -184,16 +185,26 @@ void Backup::decide()
 		reason_ = why_full(state, volume_.size, last_ ? &*last_ : nullptr,
 				   old_attempt_ ? &*old_attempt_ : nullptr);
 	attempt_.point = reason_.empty() ? last_->id : "";
-	if (!reason_.empty())
-		old_attempt_.reset();
-	if (reason_.empty() && request_.full)
-		reason_ = "it was asked for";
 	if (!state.tracked) {
 		/* Before the snapshot, so that no write is missed between the two. */
 		tracker_->start();
 		state = tracker_->state();
 	}
+	if (!reason_.empty()) {
+		old_attempt_.reset();
+		break_chain(state);
+	} else if (request_.full) {
+		reason_ = "it was asked for";
+	}
 	attempt_.before = {state.identity, state.switch_count, state.save_time, state.save_time};
+}
+
+/* Whoever comes after an interruption must not find that all fits again. No manifest has this time.
+ */
+void Backup::break_chain(TrackerState &state)
+{
+	tracker_->set_save_time(new_save_time(state.save_time));
+	state = tracker_->state();
 }
 
 void Backup::begin_attempt()
@@ -226,12 +237,14 @@ void Backup::look_at_changes(const TrackerState &after)
 	if (!switched) {
 		reason_ = "the driver did not switch its bitmap once, at the snapshot";
 		attempt_.point.clear();
+		break_chain(after_);
 	}
 	if (!attempt_.point.empty()) {
 		attempt_.changes = read_changes();
 		if (tracker_->state().switch_count != after.switch_count) {
 			reason_ = "somebody else switched the bitmap";
 			attempt_.point.clear();
+			break_chain(after_);
 		}
 	}
 	attempt_.switch_count = after.switch_count;

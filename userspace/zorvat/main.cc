@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 /* zorvat: the command line, and the exit codes that scripts rely on. */
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <fmt/format.h>
 #include <string_view>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include "commands.h"
 
@@ -178,5 +180,7 @@ int main(int argc, char **argv)
 		return app.exit(error) == 0 ? exit_ok : exit_usage;
 	}
 	raise_file_limit();
+	std::signal(SIGCHLD, SIG_DFL); /* who started us may ignore the ends of his children */
+	umask(077);                    /* restore points hold what only the superuser may read */
 	return run(*chosen, options);
 }

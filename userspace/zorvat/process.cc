@@ -124,9 +124,11 @@ std::string run_program(const std::vector<std::string> &command)
 	std::string output_text, message_text;
 	read_both(output, output_text, messages, message_text);
 	int status = 0;
-	while (waitpid(process, &status, 0) < 0 && errno == EINTR) {
-	}
-	if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
+	pid_t ended;
+	do
+		ended = waitpid(process, &status, 0);
+	while (ended < 0 && errno == EINTR);
+	if (ended == process && WIFEXITED(status) && WEXITSTATUS(status) == 0)
 		return output_text;
 	while (!message_text.empty() && message_text.back() == '\n')
 		message_text.pop_back();
