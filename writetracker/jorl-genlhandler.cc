@@ -53,7 +53,7 @@ static int alloc_disk(const GenlRequest &request)
 	jorlvolume_info *volume = jorlmanager_create_disk(&req);
 	if (ka_is_err(volume))
 		return static_cast<int>(ka_ptr_err(volume));
-	const wt_jorl_diskhandle_t handle = volume;
+	wt_jorl_diskhandle_t handle = volume;
 	int err = reply.put(WT_GENATTR_JORL_DISKHANDLE, sizeof(handle), &handle);
 	if (err != 0) {
 		WT_ERROR("[JRGENL] Unable set alloc disk command response(%d)\n", err);

@@ -17,7 +17,8 @@ static constexpr wt_log_group wt_group = WT_LOG_GROUP_JORL_VOLUME;
 static constexpr size_t PAGE_BYTES = 4096;
 static constexpr size_t MIN_SERVICE_AREA = 4194304;
 static constexpr unsigned int KFIFO_BYTES = 8192;
-static constexpr unsigned int QUEUE_DEPTH = 2048; // more than the kfifo takes
+static constexpr unsigned int KFIFO_ENTRY = sizeof(void *); // a request's address
+static constexpr unsigned int QUEUE_DEPTH = 2048;           // more than the kfifo takes
 static constexpr int DISK_MINORS = 16;
 
 int jorl_volume_init()
@@ -95,7 +96,7 @@ static void jorl_volume_request_fn(request_queue *queue)
 			ka_blk_end_request_all(pending, -KA_EIO);
 			continue;
 		}
-		if (ka_kfifo_put(volume->dvi_kfifo, &pending, sizeof(pending)) < sizeof(pending)) {
+		if (ka_kfifo_put(volume->dvi_kfifo, &pending, KFIFO_ENTRY) < KFIFO_ENTRY) {
 			ka_blk_requeue_request(queue, pending);
 			ka_blk_stop_queue(queue); // the thread starts it again
 			break;
@@ -251,8 +252,8 @@ static void serve_request(jorlvolume_info *volume, request *pending)
 static request *next_request(jorlvolume_info *volume)
 {
 	request *pending;
-	const unsigned int got = ka_kfifo_get(volume->dvi_kfifo, &pending, sizeof(pending));
-	return got < sizeof(pending) ? nullptr : pending;
+	const unsigned int got = ka_kfifo_get(volume->dvi_kfifo, &pending, KFIFO_ENTRY);
+	return got < KFIFO_ENTRY ? nullptr : pending;
 }
 
 static void restart_queue(jorlvolume_info *volume)
