@@ -18,7 +18,7 @@ int check_command(const wt_netlinkmsg_hdr &request, const ServedDisk &disk)
 {
 	if (request.version != WT_NETLINK_VERSION)
 		return EPROTO;
-	if (std::bit_cast<DiskHandle>(request.diskhandle) != disk.handle)
+	if (static_cast<DiskHandle>(reinterpret_cast<uintptr_t>(request.diskhandle)) != disk.handle)
 		return ENODEV;
 	if (request.code == WT_NETLINK_CMD_WRITE)
 		return EROFS;
@@ -38,8 +38,8 @@ int parse_request(const wt_netlinkmsg_hdr &request, const ServedDisk &disk, Read
 	if (count > disk.area.size() / disk.block_size)
 		return EINVAL;
 	const uint64_t length = count * disk.block_size;
-	const uint64_t place = std::bit_cast<uint64_t>(request.io_buffer) -
-			       std::bit_cast<uint64_t>(disk.area.data());
+	const uint64_t place = reinterpret_cast<uintptr_t>(request.io_buffer) -
+			       reinterpret_cast<uintptr_t>(disk.area.data());
 	if (place > disk.area.size() - length) // so is one before the area
 		return EINVAL;
 
