@@ -2,7 +2,6 @@
 /* Messages of the data link. */
 #include "data-link.h"
 
-#include <bit>
 #include <cerrno>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
