@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: GPL-2.0
 # What a restore disk costs, against nbd with nbdkit behind it: direct reads of the same image, which
-# is in memory, both over TCP on the loopback. The two take turns; medians are printed, and the ratio of the restore disk to nbd.
+# is in memory, both over TCP on the loopback. The two take turns; medians are printed, and the ratio
+# of the restore disk to nbd.
 
 cases() {
 	echo load
@@ -8,13 +9,6 @@ cases() {
 	echo compare random randread 4k 1
 	echo compare random randread 4k 16
 	echo unload
-}
-
-use_restore_disk() { # $restore, serving /tmp/image
-	zorvatctl serve --block-size 4096 /tmp/image >/tmp/served &
-	defer "kill $!; wait $! || true"
-	eventually 20 grep -q ^/dev/ /tmp/served
-	restore=$(grep -m1 ^/dev/ /tmp/served)
 }
 
 use_nbd() { # $nbd, serving /tmp/image
@@ -44,15 +38,14 @@ measure() { # NAME DISK PATTERN BLOCK_SIZE DEPTH
 }
 
 compare() { # NAME PATTERN BLOCK_SIZE DEPTH
-	local subject value
 	dd if=/dev/urandom of=/tmp/image bs=1M count=256 2>/dev/null
 	defer rm /tmp/image
-	use_restore_disk
+	serve /tmp/image --block-size 4096
 	use_nbd
 	rm -f /tmp/*.rate /tmp/*.cost
 	for round in $(seq "${rounds:-5}"); do
 		measure nbd $nbd "$2" "$3" "$4"
-		measure restore "$restore" "$2" "$3" "$4"
+		measure restore $served "$2" "$3" "$4"
 	done
 	{
 		echo "  $1 reads of $3, queue depth $4, median of ${rounds:-5}, restore disk and nbd:"

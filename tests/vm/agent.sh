@@ -28,7 +28,7 @@ every_point_is_its_snapshot() { # ROUNDS
 		[ "$round" = 1 ] || zorvat list "$repository" --json | grep -q incremental
 	done
 	zorvat verify "$repository" -q
-	serve_point "$repository"
+	serve_by zorvat serve "$repository"
 	oracle equal /tmp/truth "$served"
 }
 
@@ -117,11 +117,12 @@ mounts_an_older_point() {
 serves_a_disk() {
 	use_busy_volume
 	back_up_and_keep_truth
-	serve_point "$repository"
+	serve_by zorvat serve "$repository"
 	oracle equal /tmp/truth "$served"
 	# The server dies; whoever backs up next removes its disk.
 	kill -9 $server
 	wait $server || true
+	ended_server=$server
 	zorvat backup vg/data --to "$repository" -q
 	zorvatctl disks --json | grep -F '[]'
 }
@@ -223,14 +224,6 @@ restore_equals() { # REPOSITORY[@POINT] FILE
 	zorvat restore "$1" --to /tmp/restored -q
 	oracle equal /tmp/restored "$2"
 	rm /tmp/restored
-}
-
-serve_point() { # REPOSITORY[@POINT]: $served, $server
-	zorvat serve "$1" >/tmp/served 2>&1 &
-	server=$!
-	defer "kill $server 2>/dev/null; wait $server || true"
-	eventually 20 grep -q ^/dev/ /tmp/served
-	served=$(grep -m1 ^/dev/ /tmp/served)
 }
 
 fill_repository_disk() {

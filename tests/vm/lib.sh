@@ -310,9 +310,13 @@ copy_extents() { # FROM TO: reads "START LENGTH ..." lines
 
 # --- Restore disks, until the case ends
 
-serve() { # IMAGE [OPTION...]: $served is the disk, $server its server
+serve() { # IMAGE [OPTION...]
+	serve_by zorvatctl serve "$@"
+}
+
+serve_by() { # COMMAND...: $served is the disk, $server its server
 	: >/tmp/served
-	zorvatctl serve "$@" >/tmp/served 2>&1 &
+	"$@" >/tmp/served 2>&1 &
 	server=$!
 	defer "stop_serving $server"
 	eventually 20 grep -q ^/dev/ /tmp/served
@@ -320,7 +324,8 @@ serve() { # IMAGE [OPTION...]: $served is the disk, $server its server
 	[ -b $served ]
 }
 
-stop_serving() { # PROCESS
+stop_serving() { # PROCESS, unless the case says that $ended_server is over
+	[ "$1" != "${ended_server-}" ] || return 0
 	kill $1 2>/dev/null
 	wait $1
 	case $? in

@@ -306,11 +306,10 @@ void Backup::forget_changes()
 		return;
 	}
 	tracker_->clear();
-	const TrackerState now = tracker_->state();
+	TrackerState now = tracker_->state();
 	if (now.switch_count == after_.switch_count)
 		return;
-	/* Changes may have been dropped with the bitmap. No manifest has this save time. */
-	tracker_->set_save_time(new_save_time(now.save_time));
+	break_chain(now); // changes may have been dropped with the bitmap
 	progress_.note(
 		"somebody else switched the bitmap meanwhile: the next backup is a full one");
 }
@@ -339,7 +338,7 @@ BackupResult Backup::run()
 	repository_.remove_attempt();
 
 	const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
-	return {manifest, manifest.changed_bytes, manifest.data.length, seconds.count()};
+	return {manifest, seconds.count()};
 }
 
 } // namespace

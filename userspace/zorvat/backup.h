@@ -38,8 +38,6 @@ struct BackupRequest {
 
 struct BackupResult {
 	Manifest point;
-	uint64_t read_bytes;   // from the snapshot
-	uint64_t stored_bytes; // the data file's length
 	double seconds;
 };
 

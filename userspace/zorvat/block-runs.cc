@@ -14,11 +14,6 @@ namespace
 
 constexpr uint64_t sectors_per_block = block_bytes / 512;
 
-uint64_t blocks_of(uint64_t bytes)
-{
-	return (bytes + block_bytes - 1) / block_bytes;
-}
-
 /* To runs that ascend by their first block. */
 void append(std::vector<BlockRun> &runs, uint64_t first, uint64_t end)
 {

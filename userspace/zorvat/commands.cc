@@ -73,8 +73,8 @@ std::string backup(const Options &options)
 		return dump(json);
 	}
 	return fmt::format("{}: {}, {} of {} read, {} stored, {}\n", result.point.id,
-			   kind_of(result.point), human_bytes(result.read_bytes),
-			   human_bytes(result.point.size), human_bytes(result.stored_bytes),
+			   kind_of(result.point), human_bytes(result.point.changed_bytes),
+			   human_bytes(result.point.size), human_bytes(result.point.data.length),
 			   human_seconds(result.seconds));
 }
 

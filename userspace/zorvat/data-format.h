@@ -16,6 +16,12 @@ namespace zorvat::agent
 static_assert(std::endian::native == std::endian::little, "records are stored as they are");
 
 constexpr uint64_t block_bytes = uint64_t{64} << 10;
+
+constexpr uint64_t blocks_of(uint64_t bytes)
+{
+	return (bytes + block_bytes - 1) / block_bytes;
+}
+
 inline constexpr std::array header_magic = {'Z', 'R', 'V', 'T', 'D', 'A', 'T', 'A'};
 inline constexpr std::array footer_magic = {'Z', 'R', 'V', 'T', 'F', 'O', 'O', 'T'};
 constexpr uint32_t data_format = 1;

@@ -44,11 +44,6 @@ public:
 	/* A frame of another data file, as it is stored there. */
 	void add_stored(const IndexEntry &entry, std::span<const std::byte> stored);
 
-	uint64_t stored_bytes() const
-	{
-		return position_;
-	}
-
 	/* Completes the file and gives it its name. */
 	DataSummary finish();
 

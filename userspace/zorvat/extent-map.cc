@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "data-reader.h"
+
 namespace zorvat::agent
 {
 
@@ -16,6 +18,17 @@ Piece part_of(const Piece &piece, uint64_t from, uint64_t to)
 }
 
 } // namespace
+
+std::vector<Piece> pieces_of(const DataReader &file, uint32_t source, uint32_t holes)
+{
+	std::vector<Piece> pieces;
+	file.for_each_entry([&](uint64_t number, const IndexEntry &entry) {
+		pieces.push_back({static_cast<uint32_t>(entry.start / block_bytes),
+				  static_cast<uint32_t>(blocks_of(entry.length)),
+				  entry.is_hole() ? holes : source, static_cast<uint32_t>(number)});
+	});
+	return pieces;
+}
 
 void ExtentMap::add_older(std::vector<Piece> older)
 {

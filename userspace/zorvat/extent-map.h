@@ -26,6 +26,12 @@ struct Piece {
 	bool operator==(const Piece &) const = default;
 };
 
+class DataReader;
+
+/* What a data file holds; its holes are said to be in the source `holes`. Throws Failure(damaged).
+ */
+std::vector<Piece> pieces_of(const DataReader &file, uint32_t source, uint32_t holes);
+
 class ExtentMap
 {
 public:

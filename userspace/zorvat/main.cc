@@ -7,6 +7,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include "../exit-codes.h"
 #include "commands.h"
 
 namespace
@@ -14,36 +15,12 @@ namespace
 
 using namespace zorvat::agent;
 
-/* Documented in zorvat(8). */
-enum ExitCode {
-	exit_ok = 0,
-	exit_failed = 1,
-	exit_usage = 2,
-	exit_no_driver = 3,
-	exit_not_found = 4,
-	exit_not_permitted = 5,
-	exit_busy = 6,
-	exit_damaged = 7,
-	exit_no_space = 8,
-	exit_interrupted = 9,
-};
+using namespace zorvat;
 
-ExitCode exit_code(zorvat::Errc code)
-{
-	switch (code) {
-	case zorvat::Errc::driver_not_loaded:
-	case zorvat::Errc::driver_not_ready:
-		return exit_no_driver;
-	case zorvat::Errc::bad_volume_name:
-	case zorvat::Errc::unknown_volume:
-	case zorvat::Errc::unknown_disk:
-		return exit_not_found;
-	case zorvat::Errc::not_permitted:
-		return exit_not_permitted;
-	default:
-		return exit_failed;
-	}
-}
+constexpr ExitCode exit_busy{6};
+constexpr ExitCode exit_damaged{7};
+constexpr ExitCode exit_no_space{8};
+constexpr ExitCode exit_interrupted{9};
 
 ExitCode exit_code(const Failure &failure)
 {
@@ -138,7 +115,7 @@ ExitCode run(const Subcommand &subcommand, const Options &options)
 		print(subcommand.run(options));
 		return exit_ok;
 	} catch (const zorvat::Error &error) {
-		return fail(exit_code(error.code()), error.what());
+		return fail(common_exit_code(error.code()), error.what());
 	} catch (const Failure &failure) {
 		return fail(exit_code(failure), failure.what());
 	} catch (const std::exception &error) {

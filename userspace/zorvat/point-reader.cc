@@ -17,23 +17,6 @@ namespace
 constexpr uint32_t no_source = UINT32_MAX;
 constexpr int attempts_to_open = 5;
 
-uint64_t blocks_of(uint64_t bytes)
-{
-	return (bytes + block_bytes - 1) / block_bytes;
-}
-
-std::vector<Piece> pieces_of(const DataReader &source, uint32_t number)
-{
-	std::vector<Piece> pieces;
-	source.for_each_entry([&](uint64_t index, const IndexEntry &entry) {
-		pieces.push_back({static_cast<uint32_t>(entry.start / block_bytes),
-				  static_cast<uint32_t>(blocks_of(entry.length)),
-				  entry.is_hole() ? no_source : number,
-				  static_cast<uint32_t>(index)});
-	});
-	return pieces;
-}
-
 class PointSource final : public BlockSource
 {
 public:
@@ -136,7 +119,7 @@ void PointReader::open_chain(const Repository &repository)
 void PointReader::build_map()
 {
 	for (size_t i = 0; i < sources_.size(); i++)
-		map_.add_older(pieces_of(*sources_[i], i));
+		map_.add_older(pieces_of(*sources_[i], i, no_source));
 	if (!map_.covers(blocks_of(size())))
 		throw Failure(
 			FailureCode::damaged,

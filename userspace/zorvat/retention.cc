@@ -96,14 +96,7 @@ public:
 private:
 	void add(uint32_t source)
 	{
-		std::vector<Piece> pieces;
-		sources_[source]->for_each_entry([&](uint64_t number, const IndexEntry &entry) {
-			pieces.push_back({static_cast<uint32_t>(entry.start / block_bytes),
-					  static_cast<uint32_t>((entry.length + block_bytes - 1) /
-								block_bytes),
-					  source, static_cast<uint32_t>(number)});
-		});
-		map_.add_older(std::move(pieces));
+		map_.add_older(pieces_of(*sources_[source], source, source));
 	}
 
 	/* A frame of which all is used goes over as it is. */

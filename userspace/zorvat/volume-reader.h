@@ -46,10 +46,6 @@ public:
 	explicit DirectFile(const std::filesystem::path &path);
 	/* The offset is a multiple of a block; the memory comes from an AlignedBuffer. */
 	void read(uint64_t offset, std::span<std::byte> to);
-	uint64_t size() const
-	{
-		return file_.size();
-	}
 
 private:
 	File file_;

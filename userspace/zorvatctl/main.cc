@@ -6,41 +6,26 @@
 #include <string_view>
 #include <zorvat/disk-server.h>
 
+#include "../exit-codes.h"
 #include "render.h"
 
 namespace
 {
 
-/* Documented in zorvatctl(8). */
-enum ExitCode {
-	exit_ok = 0,
-	exit_failed = 1,
-	exit_usage = 2,
-	exit_no_driver = 3,
-	exit_unknown = 4,
-	exit_not_permitted = 5,
-	exit_wrong_state = 6,
-};
+using namespace zorvat;
 
-ExitCode exit_code(zorvat::Errc code)
+constexpr ExitCode exit_wrong_state{6};
+
+ExitCode exit_code(Errc code)
 {
 	switch (code) {
-	case zorvat::Errc::driver_not_loaded:
-	case zorvat::Errc::driver_not_ready:
-		return exit_no_driver;
-	case zorvat::Errc::bad_volume_name:
-	case zorvat::Errc::unknown_volume:
-	case zorvat::Errc::unknown_disk:
-		return exit_unknown;
-	case zorvat::Errc::not_permitted:
-		return exit_not_permitted;
-	case zorvat::Errc::not_tracked:
-	case zorvat::Errc::already_tracked:
-	case zorvat::Errc::disk_suspended:
-	case zorvat::Errc::disk_running:
+	case Errc::not_tracked:
+	case Errc::already_tracked:
+	case Errc::disk_suspended:
+	case Errc::disk_running:
 		return exit_wrong_state;
 	default:
-		return exit_failed;
+		return common_exit_code(code);
 	}
 }
 

@@ -56,10 +56,8 @@ backups_of_a_volume_in_use() {
 	tell "the last point on another volume; the two compared byte by byte"
 	lvm lvcreate -q -y -n copy -L 96m vg
 	demonstrate zorvat restore /backup/data --to /dev/vg/copy -q
-	zorvat serve /backup/data >/tmp/served &
-	defer "kill $!; wait $! || true"
-	eventually 20 grep -q ^/dev/ /tmp/served
-	oracle equal "$(cat /tmp/served)" /dev/vg/copy
+	serve_by zorvat serve /backup/data
+	oracle equal $served /dev/vg/copy
 	e2fsck -fy /dev/vg/copy >/dev/null || [ $? = 1 ]
 	tell "  equal, and its file system is sound"
 
