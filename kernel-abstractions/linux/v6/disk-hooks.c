@@ -575,7 +575,8 @@ void ka_queue_drain_make_request(struct request_queue *queue)
 
 /*
  * blk_mq_submit_bio is what a disk without submit_bio gets its bios by. It is not exported. A probe
- * lies behind the landing pad for indirect calls that a kernel with such pads puts first.
+ * knows its address; disabled, it leaves the function's code alone while others run it. It lies
+ * behind the landing pad for indirect calls that a kernel with such pads puts first.
  */
 static submit_bio_fn *start_of_function(const struct kprobe *probe)
 {
@@ -586,7 +587,10 @@ static submit_bio_fn *start_of_function(const struct kprobe *probe)
 
 int ka_init(void)
 {
-	struct kprobe probe = {.symbol_name = "blk_mq_submit_bio"};
+	struct kprobe probe = {
+		.symbol_name = "blk_mq_submit_bio",
+		.flags = KPROBE_FLAG_DISABLED,
+	};
 	int err = register_kprobe(&probe);
 
 	if (err) {
