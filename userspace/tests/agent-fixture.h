@@ -150,12 +150,12 @@ public:
 			.free_in_group = 0,
 			.path = "/dev/vg/data"};
 	}
-	std::vector<std::string> own_snapshots(const LogicalVolume &) override
+	std::vector<OwnSnapshot> own_snapshots(const LogicalVolume &) override
 	{
 		machine_.step();
 		if (machine_.snapshot[0] == 0)
 			return {};
-		return {machine_.snapshot.data()};
+		return {{.name = machine_.snapshot.data(), .complete = true}};
 	}
 	std::filesystem::path create(const LogicalVolume &, const std::string &name,
 				     const std::string &) override

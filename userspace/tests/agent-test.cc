@@ -213,18 +213,27 @@ TEST_F(AgentTest, a_full_backup_that_was_due_stays_due)
 	}
 }
 
-/* The frozen bitmap of an interrupted backup is dropped: its changes are in the attempt. */
-TEST_F(AgentTest, a_clear_after_an_interrupted_backup_loses_nothing)
+/*
+ * The frozen bitmap of an interrupted backup is dropped: its changes are in the attempt, also if
+ * the next one is killed before its snapshot.
+ */
+TEST_F(AgentTest, a_clear_after_interrupted_backups_loses_nothing)
 {
 	back_up();
-	machine_->write(3, 1);
-	machine_->fails_on_snapshot_read = true;
-	EXPECT_THROW(back_up(), Failure);
-	machine_->fails_on_snapshot_read = false;
-	machine_->has_frozen = false;
-	machine_->write(5, 2);
-	EXPECT_FALSE(back_up().point.is_full());
-	EXPECT_EQ(read_point(Repository(repository_), ""), truth());
+	bool switched = false;
+	for (int steps = 0; !switched; steps++) {
+		machine_->write(3, steps + 1);
+		machine_->fails_on_snapshot_read = true;
+		EXPECT_THROW(back_up(), Failure);
+		machine_->fails_on_snapshot_read = false;
+		const uint64_t switches = machine_->switches;
+		dies(*machine_, steps, [&] { back_up(); });
+		switched = machine_->switches != switches;
+		machine_->has_frozen &= switched;
+		machine_->write(5, steps + 1);
+		EXPECT_FALSE(back_up().point.is_full());
+		ASSERT_EQ(read_point(Repository(repository_), ""), truth()) << steps;
+	}
 }
 
 TEST_F(AgentTest, a_repository_without_room_stays_sound)
@@ -360,6 +369,39 @@ TEST_F(AgentTest, forgetting_loses_no_block_of_what_is_kept)
 		EXPECT_TRUE(problems_in(repository).empty());
 		EXPECT_TRUE(repository.leftovers().empty());
 	}
+}
+
+/* Readers take no lock, and see neither damage nor other content while points go. */
+TEST_F(AgentTest, readers_are_not_disturbed_by_forgetting)
+{
+	std::minstd_rand random(9);
+	for (int round = 0; round < 25; round++) {
+		write_some(random);
+		back_up();
+	}
+	const pid_t process = fork();
+	if (process == 0) {
+		const Repository repository(repository_);
+		const File lock = repository.lock_for_writing();
+		Progress progress = silent();
+		for (auto points = repository.points(); points.size() > 1;
+		     points = repository.points()) {
+			std::set<std::string> keep;
+			for (const Manifest &point : points)
+				keep.insert(point.id);
+			keep.erase(points.front().id);
+			forget(repository, keep, progress);
+		}
+		_exit(0);
+	}
+	int status = 0;
+	do {
+		const Repository repository(repository_);
+		EXPECT_EQ(read_point(repository, ""), truth());
+		EXPECT_EQ(problems_in(repository), std::vector<std::string>());
+	} while (waitpid(process, &status, WNOHANG) == 0 && !HasFailure());
+	EXPECT_EQ(status, 0);
+	EXPECT_EQ(Repository(repository_).points().size(), 1);
 }
 
 TEST(Retention, keeps_the_newest_of_each_period)

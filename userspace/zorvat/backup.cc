@@ -7,6 +7,7 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <random>
+#include <sys/stat.h>
 
 #include "block-runs.h"
 #include "volume-reader.h"
@@ -78,7 +79,7 @@ public:
 	Backup(const BackupEnvironment &environment, const BackupRequest &request,
 	       Progress &progress)
 	    : environment_(environment), request_(request), progress_(progress),
-	      volume_(environment.snapshots.find(request.volume)), volume_lock_(lock_volume()),
+	      volume_(find_volume()), volume_lock_(lock_volume()),
 	      repository_(Repository::open_or_create(request.repository, volume_.full_name(),
 						     volume_.uuid)),
 	      repository_lock_(repository_.lock_for_writing()),
@@ -89,20 +90,22 @@ public:
 				      fmt::format("{} holds backups of another volume, {}",
 						  repository_.directory().native(),
 						  repository_.volume_name()));
+		refuse_repository_on_volume();
 	}
 
 	BackupResult run();
 
 private:
+	LogicalVolume find_volume() const;
 	File lock_volume() const;
+	void refuse_repository_on_volume() const;
 	void look_at_history();
 	void remove_old_snapshots();
 	void decide();
 	void break_chain(TrackerState &state);
 	void begin_attempt();
-	void note_changes();
+	void note_changes(const std::vector<BlockRun> &changes);
 	void look_at_changes(const TrackerState &after);
-	std::vector<BlockRun> read_changes();
 	DataSummary copy(const std::filesystem::path &path);
 	Manifest make_manifest(const DataSummary &data) const;
 	void forget_changes();
@@ -126,6 +129,16 @@ private:
 	uint64_t number_ = 0;
 };
 
+LogicalVolume Backup::find_volume() const
+{
+	LogicalVolume volume = environment_.snapshots.find(request_.volume);
+	if (volume.size > max_volume_bytes)
+		throw Failure(FailureCode::usage,
+			      fmt::format("{} is too large: a repository takes volumes of up to {}",
+					  volume.full_name(), human_bytes(max_volume_bytes)));
+	return volume;
+}
+
 /* Two agents, with two repositories perhaps, would take each other's snapshots for leftovers. */
 File Backup::lock_volume() const
 {
@@ -135,6 +148,18 @@ File Backup::lock_volume() const
 		throw Failure(FailureCode::busy,
 			      volume_.full_name() + " is being backed up by another program");
 	return lock;
+}
+
+/* It would be lost with the volume, and each backup would be a change to back up. */
+void Backup::refuse_repository_on_volume() const
+{
+	struct stat volume, directory;
+	if (stat(volume_.path.c_str(), &volume) == 0 &&
+	    stat(repository_.directory().c_str(), &directory) == 0 &&
+	    volume.st_rdev == directory.st_dev)
+		throw Failure(FailureCode::usage,
+			      fmt::format("{} lies on {} itself", repository_.directory().native(),
+					  volume_.full_name()));
 }
 
 /* What cannot be read of it only means that a full backup is due. */
@@ -163,16 +188,17 @@ void Backup::remove_old_snapshots()
 {
 	if (old_attempt_)
 		environment_.snapshots.settle(old_attempt_->snapshot);
-	const auto names = environment_.snapshots.own_snapshots(volume_);
-	if (old_attempt_ && !old_attempt_->switch_count &&
-	    std::ranges::find(names, old_attempt_->snapshot) != names.end()) {
-		old_attempt_->switch_count = old_attempt_->before.switch_count + 1;
-		repository_.write_attempt(*old_attempt_);
+	for (const OwnSnapshot &old : environment_.snapshots.own_snapshots(volume_)) {
+		if (old_attempt_ && !old_attempt_->switch_count && old.complete &&
+		    old.name == old_attempt_->snapshot) {
+			old_attempt_->switch_count = old_attempt_->before.switch_count + 1;
+			repository_.write_attempt(*old_attempt_);
+		}
+		progress_.note("removing the snapshot " + old.name + " of an interrupted backup");
+		environment_.snapshots.remove(volume_, old.name);
 	}
-	for (const std::string &name : names) {
-		progress_.note("removing the snapshot " + name + " of an interrupted backup");
-		environment_.snapshots.remove(volume_, name);
-	}
+	/* Room in the group has come back, and tools that died agents had started have ended. */
+	volume_ = find_volume();
 }
 
 void Backup::decide()
@@ -210,21 +236,26 @@ void Backup::break_chain(TrackerState &state)
 void Backup::begin_attempt()
 {
 	attempt_.snapshot = new_snapshot_name();
+	if (old_attempt_)
+		attempt_.changes = old_attempt_->changes;
 	repository_.write_attempt(attempt_);
 	repository_.reserve_room();
 }
 
-/* Without room for the changes, at least the switch is noted: the driver has the changes, too. */
-void Backup::note_changes()
+/*
+ * Without room for the changes, at least the switch is noted beside what was: the driver has the
+ * changes, too.
+ */
+void Backup::note_changes(const std::vector<BlockRun> &changes)
 {
 	repository_.release_room();
+	Attempt noted = attempt_;
+	noted.changes = changes;
 	try {
-		repository_.write_attempt(attempt_);
+		repository_.write_attempt(noted);
 	} catch (const Failure &failure) {
-		if (failure.code() == FailureCode::no_space) {
-			attempt_.changes.clear();
+		if (failure.code() == FailureCode::no_space)
 			repository_.write_attempt(attempt_);
-		}
 		throw;
 	}
 }
@@ -239,8 +270,9 @@ void Backup::look_at_changes(const TrackerState &after)
 		attempt_.point.clear();
 		break_chain(after_);
 	}
+	std::vector<BlockRun> changes;
 	if (!attempt_.point.empty()) {
-		attempt_.changes = read_changes();
+		changes = union_of(runs_of(tracker_->changes(), volume_.size), attempt_.changes);
 		if (tracker_->state().switch_count != after.switch_count) {
 			reason_ = "somebody else switched the bitmap";
 			attempt_.point.clear();
@@ -248,21 +280,17 @@ void Backup::look_at_changes(const TrackerState &after)
 		}
 	}
 	attempt_.switch_count = after.switch_count;
-	note_changes();
-	runs_ = reason_.empty() ? std::move(attempt_.changes) : all_blocks(volume_.size);
-	attempt_.changes.clear();
-}
-
-std::vector<BlockRun> Backup::read_changes()
-{
-	auto runs = runs_of(tracker_->changes(), volume_.size);
-	if (old_attempt_)
-		runs = union_of(runs, old_attempt_->changes);
-	return runs;
+	note_changes(changes);
+	runs_ = reason_.empty() ? std::move(changes) : all_blocks(volume_.size);
 }
 
 DataSummary Backup::copy(const std::filesystem::path &path)
 {
+	const uint64_t size = File(path, O_RDONLY).size();
+	if (size != volume_.size)
+		throw Failure(FailureCode::failed,
+			      fmt::format("{} was resized meanwhile: the snapshot has {} bytes",
+					  volume_.full_name(), size));
 	number_ = repository_.next_number();
 	DataWriter writer(repository_.data_directory(), Repository::new_data_name(number_),
 			  volume_.size, request_.compression);

@@ -199,7 +199,7 @@ std::string forget(const Options &options)
 	Progress progress = progress_for(options);
 	const PointName name = PointName::parse(options.point);
 	const Repository repository(name.repository);
-	const File lock = repository.lock_for_writing();
+	const File lock = options.dry_run ? File() : repository.lock_for_writing();
 	const auto points = repository.points();
 	std::set<std::string> keep;
 	if (name.point.empty()) {

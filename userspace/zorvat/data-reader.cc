@@ -31,10 +31,20 @@ size_t FrameDecoder::decompress(std::span<const std::byte> stored, std::span<std
 	return ZSTD_isError(length) ? SIZE_MAX : length;
 }
 
+/* A manifest names it. */
+static File open_data(const fs::path &path)
+try {
+	return File(path, O_RDONLY);
+} catch (const Failure &failure) {
+	if (failure.code() == FailureCode::not_found)
+		throw Failure(FailureCode::damaged, path.native() + " is missing", ENOENT);
+	throw;
+}
+
 DataReader::DataReader(const fs::path &directory, const DataSummary &summary, uint64_t volume_size,
 		       const std::string &point, std::shared_ptr<FrameDecoder> decoder)
     : summary_(summary), volume_size_(volume_size), point_(point),
-      file_(directory / summary.file, O_RDONLY), decoder_(std::move(decoder))
+      file_(open_data(directory / summary.file)), decoder_(std::move(decoder))
 {
 	if (file_.size() != summary_.length)
 		throw damage(fmt::format("it has {} bytes instead of {}", file_.size(),

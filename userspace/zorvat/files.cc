@@ -110,6 +110,13 @@ uint64_t File::size() const
 	return bytes;
 }
 
+void File::lock(int kind) const
+{
+	while (flock(fd_, kind) != 0)
+		if (errno != EINTR)
+			throw system_failure("cannot lock " + path_.native(), errno);
+}
+
 bool File::try_lock() const
 {
 	if (flock(fd_, LOCK_EX | LOCK_NB) == 0)

@@ -68,6 +68,8 @@ public:
 	void flush() const;
 	/* In bytes; of a block device, its capacity. */
 	uint64_t size() const;
+	/* Waits until it has the lock, LOCK_SH or LOCK_EX of flock(2), until the file closes. */
+	void lock(int kind) const;
 	/* Waits for nobody: returns whether the exclusive lock is now ours, until the file closes.
 	 */
 	bool try_lock() const;

@@ -43,8 +43,12 @@ Json report(const std::string &fields, const std::string &what)
 uint64_t number_in(const Json &json)
 {
 	const auto text = json.get<std::string>();
+	const char *end = text.data() + text.size();
 	uint64_t number = 0;
-	std::from_chars(text.data(), text.data() + text.size(), number);
+	const auto [stop, error] = std::from_chars(text.data(), end, number);
+	if (error != std::errc() || stop != end)
+		throw Failure(FailureCode::failed,
+			      "'lvm lvs' printed '" + text + "' for a number of bytes");
 	return number;
 }
 
@@ -96,18 +100,20 @@ public:
 			.path = volume.at("lv_path").get<std::string>()};
 	}
 
-	std::vector<std::string> own_snapshots(const LogicalVolume &volume) override
+	/* LVM holds the group's lock while it makes one: what is incomplete was left so. */
+	std::vector<OwnSnapshot> own_snapshots(const LogicalVolume &volume) override
 	{
-		std::vector<std::string> names;
+		std::vector<OwnSnapshot> snapshots;
 		for (const Json &other : report("lv_name,origin,lv_tags", volume.group)) {
 			const auto name = other.at("lv_name").get<std::string>();
+			const auto origin = other.at("origin").get<std::string>();
 			const auto tags = other.at("lv_tags").get<std::string>();
-			if (other.at("origin") == volume.name &&
+			if ((origin == volume.name || origin.empty()) &&
 			    name.starts_with(snapshot_prefix) &&
 			    tags.find(own_tag) != std::string::npos)
-				names.push_back(name);
+				snapshots.push_back({name, !origin.empty()});
 		}
-		return names;
+		return snapshots;
 	}
 
 	std::filesystem::path create(const LogicalVolume &volume, const std::string &name,

@@ -15,7 +15,6 @@ namespace
 
 /* Zeros: of what is read, no file holds them. */
 constexpr uint32_t no_source = UINT32_MAX;
-constexpr int attempts_to_open = 5;
 
 class PointSource final : public BlockSource
 {
@@ -89,26 +88,16 @@ uint64_t FrameCache::find_or_fill(uint64_t name,
 	return (slot - slots_) * max_frame_bytes;
 }
 
-/* A data file that is not there was replaced since its manifest was read, or is really missing. */
 PointReader::PointReader(const Repository &repository, const std::string &point)
 {
-	for (int left = attempts_to_open; sources_.empty();) {
-		chain_ = repository.chain_of(repository.find(point));
-		try {
-			open_chain(repository);
-		} catch (const Failure &failure) {
-			sources_.clear();
-			if (failure.code() != FailureCode::not_found)
-				throw;
-			if (--left == 0)
-				throw Failure(FailureCode::damaged, failure.what());
-		}
-	}
+	open_chain(repository, point);
 	build_map();
 }
 
-void PointReader::open_chain(const Repository &repository)
+void PointReader::open_chain(const Repository &repository, const std::string &point)
 {
+	const File hold = repository.hold_points();
+	chain_ = repository.chain_of(repository.find(point));
 	const auto decoder = std::make_shared<FrameDecoder>();
 	for (const Manifest &manifest : chain_)
 		sources_.push_back(std::make_unique<DataReader>(repository.data_directory(),

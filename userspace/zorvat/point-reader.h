@@ -101,7 +101,7 @@ public:
 	}
 
 private:
-	void open_chain(const Repository &repository);
+	void open_chain(const Repository &repository, const std::string &point);
 	void build_map();
 	uint64_t end_of(const Piece &piece) const;
 

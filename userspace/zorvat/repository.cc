@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 #include <random>
 #include <set>
+#include <sys/file.h>
 
 namespace zorvat::agent
 {
@@ -15,6 +16,7 @@ namespace
 {
 
 constexpr int repository_format = 1;
+constexpr const char *identity_name = "repository.json";
 constexpr std::string_view manifest_suffix = ".json";
 constexpr std::string_view reserve_name = "reserve.tmp";
 constexpr size_t reserved_bytes = 64 << 10;
@@ -139,12 +141,25 @@ bool is_temporary(const fs::path &path)
 	return path.native().ends_with(temporary_suffix);
 }
 
+/* And those above it, on disk. */
 void make_directory(const fs::path &path)
 {
 	std::error_code error;
-	fs::create_directories(path, error);
+	if (path.empty() || fs::is_directory(path, error))
+		return;
+	make_directory(path.parent_path());
+	if (fs::create_directory(path, error))
+		flush_directory(path.parent_path());
 	if (error)
 		throw system_failure("cannot make " + path.native(), error.value());
+}
+
+File lock_directory(const fs::path &directory)
+{
+	File lock(directory / "lock", O_RDWR | O_CREAT);
+	if (!lock.try_lock())
+		throw Failure(FailureCode::busy, "another program writes to " + directory.native());
+	return lock;
 }
 
 uint64_t number_of(const std::string &id)
@@ -166,7 +181,7 @@ PointName PointName::parse(const std::string &text)
 
 Repository::Repository(const fs::path &directory) : directory_(directory)
 {
-	const fs::path identity = directory / "repository.json";
+	const fs::path identity = identity_path();
 	std::error_code ignored;
 	if (!fs::exists(identity, ignored))
 		throw Failure(FailureCode::not_found,
@@ -188,7 +203,7 @@ Repository::Repository(const fs::path &directory) : directory_(directory)
 Repository Repository::open_or_create(const fs::path &directory, const std::string &volume_name,
 				      const std::string &volume_uuid)
 {
-	const fs::path identity = directory / "repository.json";
+	const fs::path identity = directory / identity_name;
 	if (fs::exists(identity))
 		return Repository(directory);
 	make_directory(directory);
@@ -201,16 +216,31 @@ Repository Repository::open_or_create(const fs::path &directory, const std::stri
 				      directory.native() + " is neither empty nor a repository");
 	make_directory(directory / "points");
 	make_directory(directory / "data");
-	const File lock(directory / "lock", O_RDWR | O_CREAT);
-	write_sealed_json(identity, {{"format", repository_format},
-				     {"id", random_digits(32)},
-				     {"volume_name", volume_name},
-				     {"volume_uuid", volume_uuid}});
+	const File lock = lock_directory(directory);
+	if (!fs::exists(identity))
+		write_sealed_json(identity, {{"format", repository_format},
+					     {"id", random_digits(32)},
+					     {"volume_name", volume_name},
+					     {"volume_uuid", volume_uuid}});
 	return Repository(directory);
+}
+
+/* Whoever lists a directory may miss names that are renamed over meanwhile. */
+File Repository::lock_points(int kind) const
+{
+	File file(identity_path(), kind == LOCK_EX ? O_RDWR : O_RDONLY);
+	file.lock(kind);
+	return file;
+}
+
+File Repository::hold_points() const
+{
+	return lock_points(LOCK_SH);
 }
 
 std::vector<Manifest> Repository::points(std::vector<std::string> &problems) const
 {
+	const File hold = hold_points();
 	std::vector<Manifest> points;
 	for (const fs::path &path : files_in(points_directory())) {
 		if (is_temporary(path))
@@ -222,9 +252,7 @@ std::vector<Manifest> Repository::points(std::vector<std::string> &problems) con
 				throw damaged(path.native(), "it has another point's name");
 			}
 		} catch (const Failure &failure) {
-			std::error_code ignored;
-			if (fs::exists(path, ignored)) // else it was forgotten meanwhile
-				problems.emplace_back(failure.what());
+			problems.emplace_back(failure.what());
 		}
 	}
 	std::ranges::sort(points, {}, &Manifest::number);
@@ -279,10 +307,7 @@ std::vector<Manifest> Repository::chain_of(const Manifest &point) const
 
 File Repository::lock_for_writing() const
 {
-	File lock(directory_ / "lock", O_RDWR | O_CREAT);
-	if (!lock.try_lock())
-		throw Failure(FailureCode::busy,
-			      fmt::format("another program writes to {}", directory_.native()));
+	File lock = lock_directory(directory_);
 	remove_leftovers();
 	return lock;
 }
@@ -302,11 +327,13 @@ std::string Repository::new_data_name(uint64_t number)
 
 void Repository::commit(const Manifest &manifest) const
 {
+	const File lock = lock_points(LOCK_EX);
 	write_sealed_json(manifest_path(manifest.id), to_json(manifest));
 }
 
 void Repository::remove_manifest(const std::string &id) const
 {
+	const File lock = lock_points(LOCK_EX);
 	remove_file(manifest_path(id));
 	flush_directory(points_directory());
 }
@@ -339,19 +366,18 @@ void Repository::remove_leftovers() const
 
 std::optional<Attempt> Repository::attempt() const
 {
-	const fs::path path = directory_ / "attempt.json";
-	if (!fs::exists(path))
+	if (!fs::exists(attempt_path()))
 		return std::nullopt;
-	return read_record(path, [](const Json &json) {
+	return read_record(attempt_path(), [](const Json &json) {
 		Attempt attempt{.snapshot = json.at("snapshot"),
 				.point = text_or_null(json.at("point")),
 				.before = driver_from(json.at("driver")),
 				.switch_count = std::nullopt,
 				.changes = {}};
+		const Json &switch_count = json.at("switch_count");
+		if (!switch_count.is_null())
+			attempt.switch_count = switch_count.get<uint64_t>();
 		const Json &changes = json.at("changes");
-		if (changes.is_null())
-			return attempt;
-		attempt.switch_count = json.at("switch_count").get<uint64_t>();
 		for (size_t i = 0; i + 1 < changes.size(); i += 2)
 			attempt.changes.push_back({changes[i], changes[i + 1]});
 		return attempt;
@@ -360,16 +386,13 @@ std::optional<Attempt> Repository::attempt() const
 
 void Repository::write_attempt(const Attempt &attempt) const
 {
-	Json changes;
-	if (attempt.switch_count) {
-		changes = Json::array();
-		for (const BlockRun &run : attempt.changes) {
-			changes.push_back(run.first);
-			changes.push_back(run.count);
-		}
+	Json changes = Json::array();
+	for (const BlockRun &run : attempt.changes) {
+		changes.push_back(run.first);
+		changes.push_back(run.count);
 	}
 	write_sealed_json(
-		directory_ / "attempt.json",
+		attempt_path(),
 		{{"snapshot", attempt.snapshot},
 		 {"point", or_null(attempt.point)},
 		 {"driver", to_json(attempt.before)},
@@ -379,13 +402,14 @@ void Repository::write_attempt(const Attempt &attempt) const
 
 void Repository::remove_attempt() const
 {
-	remove_file(directory_ / "attempt.json");
+	remove_file(attempt_path());
 	flush_directory(directory_);
 }
 
 void Repository::reserve_room() const
 {
-	const std::vector<std::byte> room(reserved_bytes, std::byte{1});
+	const std::vector<std::byte> room(reserved_bytes + fs::file_size(attempt_path()),
+					  std::byte{1});
 	const File file(directory_ / reserve_name, O_RDWR | O_CREAT | O_TRUNC);
 	file.write(0, room);
 	file.flush();
@@ -395,6 +419,11 @@ void Repository::release_room() const
 {
 	remove_file(directory_ / reserve_name);
 	flush_directory(directory_);
+}
+
+fs::path Repository::identity_path() const
+{
+	return directory_ / identity_name;
 }
 
 fs::path Repository::manifest_path(const std::string &id) const

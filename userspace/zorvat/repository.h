@@ -56,6 +56,7 @@ struct Attempt {
 	DriverRecord before;  // before the snapshot
 	/* After it; nothing is known of that yet. */
 	std::optional<uint64_t> switch_count;
+	/* Since the point: those that earlier attempts found, and, with switch_count, all. */
 	std::vector<BlockRun> changes;
 };
 
@@ -94,6 +95,8 @@ public:
 		return volume_uuid_;
 	}
 
+	/* As long as the file is open, no point comes, changes or goes. Not for writers. */
+	File hold_points() const;
 	/* In order of their numbers. Manifests that cannot be read are left out and told of. */
 	std::vector<Manifest> points(std::vector<std::string> &problems) const;
 	/* All of them. Throws Failure(damaged). */
@@ -124,12 +127,18 @@ public:
 	std::optional<Attempt> attempt() const;
 	void write_attempt(const Attempt &attempt) const;
 	void remove_attempt() const;
-	/* Keeps some room on the disk, so that an attempt can be written again when it is full. */
+	/* Keeps some room on the disk, so that the attempt can be written again when it is full. */
 	void reserve_room() const;
 	void release_room() const;
 
 private:
+	fs::path identity_path() const;
 	fs::path manifest_path(const std::string &id) const;
+	fs::path attempt_path() const
+	{
+		return directory_ / "attempt.json";
+	}
+	File lock_points(int kind) const;
 	fs::path points_directory() const
 	{
 		return directory_ / "points";

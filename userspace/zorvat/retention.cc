@@ -141,6 +141,7 @@ std::vector<const Manifest *> run_of(const Manifest &kept,
 	return run;
 }
 
+/* Somebody may have forgotten the point, or merged others into it, since its manifest was read. */
 bool was_replaced(const Repository &repository, const Manifest &manifest)
 {
 	std::vector<std::string> ignored;
@@ -172,10 +173,7 @@ try {
 } catch (const Failure &failure) {
 	if (failure.code() == FailureCode::interrupted)
 		throw;
-	/* Somebody may have forgotten the point, or merged it, since its manifest was read. */
-	if (failure.code() == FailureCode::not_found && was_replaced(repository, manifest))
-		return "";
-	return failure.what();
+	return was_replaced(repository, manifest) ? "" : failure.what();
 }
 
 } // namespace
@@ -240,7 +238,8 @@ std::vector<std::string> verify(const Repository &repository, Progress &progress
 	}
 	progress.begin("verify", total);
 	for (const Manifest &manifest : points) {
-		if (!manifest.is_full() && !ids.contains(manifest.parent))
+		if (!manifest.is_full() && !ids.contains(manifest.parent) &&
+		    !was_replaced(repository, manifest))
 			problems.push_back(fmt::format(
 				"restore point {} is missing or damaged; {} builds on it",
 				manifest.parent, manifest.id));

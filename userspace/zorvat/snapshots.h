@@ -26,6 +26,12 @@ struct LogicalVolume {
 	}
 };
 
+/* A volume that an agent made as a snapshot. */
+struct OwnSnapshot {
+	std::string name;
+	bool complete; // else LVM was ended before the volume became a snapshot
+};
+
 /* The driver switches at snapshots whose names begin so. */
 constexpr std::string_view snapshot_prefix = "ZKR_snapshot";
 
@@ -36,8 +42,8 @@ public:
 	virtual ~SnapshotManager() = default;
 	/* name: as group/name, or a path of its device. Throws Failure(not_found). */
 	virtual LogicalVolume find(const std::string &name) = 0;
-	/* Names of the volume's snapshots that an agent made. */
-	virtual std::vector<std::string> own_snapshots(const LogicalVolume &volume) = 0;
+	/* The volume's, and those in its group that have not become anybody's. */
+	virtual std::vector<OwnSnapshot> own_snapshots(const LogicalVolume &volume) = 0;
 	/* size: as LVM's --size takes it, or empty. Returns the path of the snapshot's device. */
 	virtual std::filesystem::path create(const LogicalVolume &volume, const std::string &name,
 					     const std::string &size) = 0;
