@@ -43,6 +43,7 @@ struct Machine {
 	/* How many more steps the process has to live. */
 	int steps_left = 1 << 30;
 	bool fails_on_snapshot_read = false;
+	bool fails_to_remove_snapshot = false; // so it says
 	/* From the snapshot on, files cannot grow beyond this. */
 	uint64_t room = 0; // bytes; 0: without limit
 
@@ -181,6 +182,8 @@ public:
 	{
 		machine_.step();
 		machine_.snapshot = {};
+		if (machine_.fails_to_remove_snapshot)
+			throw Failure(FailureCode::failed, "the snapshot is in use");
 	}
 	void settle(const std::string &) override
 	{

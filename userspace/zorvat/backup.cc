@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 
 #include "block-runs.h"
+#include "message.h"
 #include "volume-reader.h"
 
 namespace zorvat::agent
@@ -48,8 +49,8 @@ public:
 		try {
 			remove();
 		} catch (const std::exception &error) {
-			fmt::print(stderr, "zorvat: {}\nzorvat: the next backup removes it\n",
-				   error.what());
+			tell_line(error.what());
+			tell_line("the next backup removes it");
 		}
 	}
 	Snapshot(const Snapshot &) = delete;
@@ -359,11 +360,18 @@ BackupResult Backup::run()
 
 	const Manifest manifest = make_manifest(copy(snapshot.path()));
 	repository_.commit(manifest);
-	/* First the save time: whoever relies on the changes that are cleared must notice. */
-	tracker_->set_save_time(manifest.driver.save_time);
-	forget_changes();
-	snapshot.remove();
-	repository_.remove_attempt();
+	try {
+		/* First the save time: whoever relies on the changes that are cleared must notice.
+		 */
+		tracker_->set_save_time(manifest.driver.save_time);
+		forget_changes();
+		snapshot.remove();
+		repository_.remove_attempt();
+	} catch (const std::exception &) {
+		tell_line("restore point " + manifest.id +
+			  " is complete; what failed is the work after it");
+		throw;
+	}
 
 	const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
 	return {manifest, seconds.count()};

@@ -21,7 +21,8 @@ Progress progress_for(const Options &options)
 
 std::string dump(const Json &json)
 {
-	return json.dump(2) + "\n";
+	/* Names of files need not be UTF-8. */
+	return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
 std::string time_text(int64_t time)
@@ -78,10 +79,36 @@ std::string backup(const Options &options)
 			   human_seconds(result.seconds));
 }
 
+/*
+ * Work on a repository and nothing else. Readers that a writer overtook have tried again, so a file
+ * that is not there is damage.
+ */
+template <typename Work> auto on_repository(Work work)
+{
+	try {
+		return work();
+	} catch (const Failure &failure) {
+		if (failure.error_number() == ENOENT)
+			throw Failure(FailureCode::damaged, failure.what());
+		throw;
+	}
+}
+
 PointReader open_point(const Options &options)
 {
 	const PointName name = PointName::parse(options.point);
-	return PointReader(Repository(name.repository), name.point);
+	return on_repository([&] { return PointReader(Repository(name.repository), name.point); });
+}
+
+/* For what is done to all of one. */
+Repository open_repository(const Options &options)
+{
+	const PointName name = PointName::parse(options.point);
+	if (!name.point.empty())
+		throw Failure(FailureCode::usage,
+			      fmt::format("name the repository alone, {}, without a point",
+					  name.repository.native()));
+	return Repository(name.repository);
 }
 
 std::string restore(const Options &options)
@@ -122,7 +149,8 @@ std::string mount(const Options &options)
 {
 	Progress progress = progress_for(options);
 	remove_leftovers_of_servers(progress);
-	const std::string node = mount_point(PointName::parse(options.point), options.mount);
+	const std::string node = on_repository(
+		[&] { return mount_point(PointName::parse(options.point), options.mount); });
 	return options.json ? dump({{"node", node}, {"directory", options.mount.directory}}) : "";
 }
 
@@ -135,9 +163,9 @@ std::string umount(const Options &options)
 /* Problems on standard error, so that the list itself stays for programs. */
 std::string list(const Options &options)
 {
-	const Repository repository(PointName::parse(options.point).repository);
+	const Repository repository = open_repository(options);
 	std::vector<std::string> problems;
-	const auto points = repository.points(problems);
+	const auto points = on_repository([&] { return repository.points(problems); });
 	Json json = Json::array();
 	std::string text = fmt::format("{:<24} {:<19} {:<11} {:>10} {:>10} {:>10}\n", "POINT",
 				       "TIME (UTC)", "KIND", "SIZE", "CHANGED", "STORED");
@@ -184,8 +212,8 @@ std::string verify(const Options &options)
 {
 	heed_signals();
 	Progress progress = progress_for(options);
-	const Repository repository(PointName::parse(options.point).repository);
-	const auto problems = agent::verify(repository, progress);
+	const Repository repository = open_repository(options);
+	const auto problems = on_repository([&] { return agent::verify(repository, progress); });
 	if (options.json)
 		print(dump({{"problems", problems}}));
 	if (!problems.empty())
@@ -193,22 +221,16 @@ std::string verify(const Options &options)
 	return options.json ? "" : "all restore points are sound\n";
 }
 
-std::string forget(const Options &options)
+/* Returns the ids of those that go. */
+std::vector<std::string> forget_points(const PointName &name, const Options &options)
 {
-	heed_signals();
 	Progress progress = progress_for(options);
-	const PointName name = PointName::parse(options.point);
 	const Repository repository(name.repository);
 	const File lock = options.dry_run ? File() : repository.lock_for_writing();
 	const auto points = repository.points();
 	std::set<std::string> keep;
 	if (name.point.empty()) {
-		const KeepRules &rules = options.keep;
-		if (rules.last + rules.daily + rules.weekly + rules.monthly == 0)
-			throw Failure(FailureCode::usage,
-				      "say what to keep, with --keep-last and others, or which "
-				      "point to forget, as REPO@POINT");
-		keep = points_to_keep(points, rules);
+		keep = points_to_keep(points, options.keep);
 	} else {
 		for (const Manifest &point : points)
 			keep.insert(point.id);
@@ -220,6 +242,20 @@ std::string forget(const Options &options)
 			dropped.push_back(point.id);
 	if (!options.dry_run)
 		agent::forget(repository, keep, progress);
+	return dropped;
+}
+
+std::string forget(const Options &options)
+{
+	heed_signals();
+	const PointName name = PointName::parse(options.point);
+	const KeepRules &rules = options.keep;
+	const bool has_rules = rules.last + rules.daily + rules.weekly + rules.monthly > 0;
+	if (has_rules != name.point.empty())
+		throw Failure(FailureCode::usage,
+			      "say either what to keep, with --keep-last and others, or which "
+			      "point to forget, as REPO@POINT");
+	const auto dropped = on_repository([&] { return forget_points(name, options); });
 	if (options.json)
 		return dump({{"dropped", dropped}, {"dry_run", options.dry_run}});
 	std::string text;
@@ -251,7 +287,7 @@ void print(const std::string &text)
 {
 	if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
 	    std::fflush(stdout) != 0)
-		throw system_failure("cannot write the output", errno);
+		throw Failure(FailureCode::failed, "cannot write the output: " + error_text(errno));
 }
 
 } // namespace zorvat::agent

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 #include <fstream>
 #include <linux/fs.h>
+#include <random>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -31,6 +32,29 @@ std::string seal(const std::string &content)
 {
 	return fmt::format("{}{}{}{}{}", seal_begin, to_hex(hash128(bytes_of_text(content))),
 			   seal_middle, content, seal_end);
+}
+
+File open_aside(const fs::path &path, NewFile::Place place)
+{
+	if (place == NewFile::own_directory)
+		return File(path.native() + std::string(temporary_suffix),
+			    O_RDWR | O_CREAT | O_TRUNC);
+	std::random_device device;
+	return File(fmt::format("{}.{:08x}{:08x}{}", path.native(), device(), device(),
+				temporary_suffix),
+		    O_RDWR | O_CREAT | O_EXCL);
+}
+
+/* All text of a repository is UTF-8. */
+std::string text_of(const Json &content)
+{
+	try {
+		return content.dump();
+	} catch (const Json::exception &) {
+		throw Failure(FailureCode::usage,
+			      "a name that is to be recorded is no UTF-8: " +
+				      content.dump(-1, ' ', true, Json::error_handler_t::replace));
+	}
 }
 
 /* A manifest's size is no limit to what can be read, but a directory or a device is no manifest. */
@@ -126,8 +150,7 @@ bool File::try_lock() const
 	return false;
 }
 
-NewFile::NewFile(const fs::path &path)
-    : path_(path), file_(path.native() + std::string(temporary_suffix), O_RDWR | O_CREAT | O_TRUNC)
+NewFile::NewFile(const fs::path &path, Place place) : path_(path), file_(open_aside(path, place))
 {
 }
 
@@ -160,7 +183,7 @@ void flush_directory(const fs::path &directory)
 void write_sealed_json(const fs::path &path, const Json &content)
 {
 	NewFile file(path);
-	file.file().write(0, bytes_of_text(seal(content.dump())));
+	file.file().write(0, bytes_of_text(seal(text_of(content))));
 	file.commit();
 }
 

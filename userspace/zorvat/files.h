@@ -86,7 +86,11 @@ int read_fully(int fd, uint64_t offset, std::span<std::byte> to) noexcept;
 class NewFile
 {
 public:
-	explicit NewFile(const fs::path &path);
+	enum Place {
+		own_directory,   // of a repository: takes the place of what a writer has left
+		shared_directory // others have files there, too: touches none of them
+	};
+	explicit NewFile(const fs::path &path, Place place = own_directory);
 	~NewFile();
 	NewFile(const NewFile &) = delete;
 	NewFile &operator=(const NewFile &) = delete;

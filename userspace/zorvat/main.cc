@@ -2,13 +2,17 @@
 /* zorvat: the command line, and the exit codes that scripts rely on. */
 #include <CLI/CLI.hpp>
 #include <csignal>
-#include <fmt/format.h>
+#include <fcntl.h>
+#include <regex>
 #include <string_view>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
 
 #include "../exit-codes.h"
 #include "commands.h"
+#include "message.h"
 
 namespace
 {
@@ -32,7 +36,8 @@ ExitCode exit_code(const Failure &failure)
 	case FailureCode::usage:
 		return exit_usage;
 	case FailureCode::not_found:
-		return exit_not_found;
+		/* A file that an operation of the system missed is nothing that the user named. */
+		return failure.error_number() == ENOENT ? exit_failed : exit_not_found;
 	case FailureCode::busy:
 		return exit_busy;
 	case FailureCode::damaged:
@@ -47,8 +52,22 @@ ExitCode exit_code(const Failure &failure)
 
 ExitCode fail(ExitCode code, std::string_view message)
 {
-	fmt::print(stderr, "zorvat: {}\n", message);
+	tell_line(message);
 	return code;
+}
+
+/* Numbers as people write them: CLI11 takes 010 for 8, and -1 for the largest one. */
+std::string problem_with_number(const std::string &text)
+{
+	const bool plain = text == "0" || (text.find_first_not_of("0123456789") == text.npos &&
+					   !text.starts_with('0') && text.size() < 10);
+	return plain && !text.empty() ? "" : "'" + text + "' is no number, from 0 to 999999999";
+}
+
+std::string problem_with_size(const std::string &text)
+{
+	static const std::regex size("[0-9]+([.][0-9]+)?([bskmgtpe](i?b)?)?", std::regex::icase);
+	return std::regex_match(text, size) ? "" : "'" + text + "' is no size, as 10g is one";
 }
 
 void add_backup_options(CLI::App &app, Options &options)
@@ -59,8 +78,10 @@ void add_backup_options(CLI::App &app, Options &options)
 		->required();
 	app.add_flag("--full", options.backup.full, "copy all of the volume");
 	app.add_option("--snapshot-size", options.backup.snapshot_size,
-		       "room for what is written meanwhile, as lvcreate takes it");
+		       "room for what is written meanwhile, as lvcreate takes it")
+		->check(problem_with_size);
 	app.add_option("--compression", options.backup.compression, "level of zstd")
+		->check(problem_with_number)
 		->check(CLI::Range(1, 19))
 		->capture_default_str();
 }
@@ -82,10 +103,13 @@ void add_mount_options(CLI::App &app, Options &options)
 
 void add_forget_options(CLI::App &app, Options &options)
 {
-	app.add_option("--keep-last", options.keep.last, "keep the last N points");
-	app.add_option("--keep-daily", options.keep.daily, "keep the last point of N days");
-	app.add_option("--keep-weekly", options.keep.weekly, "of N weeks");
-	app.add_option("--keep-monthly", options.keep.monthly, "of N months");
+	const auto add = [&app](const char *name, size_t &number, const char *help) {
+		app.add_option(name, number, help)->check(problem_with_number);
+	};
+	add("--keep-last", options.keep.last, "keep the last N points");
+	add("--keep-daily", options.keep.daily, "keep the last point of N days");
+	add("--keep-weekly", options.keep.weekly, "of N weeks");
+	add("--keep-monthly", options.keep.monthly, "of N months");
 	app.add_flag("--dry-run", options.dry_run, "only tell what would go");
 }
 
@@ -118,9 +142,21 @@ ExitCode run(const Subcommand &subcommand, const Options &options)
 		return fail(common_exit_code(error.code()), error.what());
 	} catch (const Failure &failure) {
 		return fail(exit_code(failure), failure.what());
+	} catch (const std::system_error &error) {
+		return fail(exit_code(system_failure("", error.code().value())), error.what());
 	} catch (const std::exception &error) {
 		return fail(exit_failed, error.what());
 	}
+}
+
+/* Else the next file that is opened, of a repository perhaps, gets what is printed. */
+void open_standard_files()
+{
+	int fd;
+	do
+		fd = open("/dev/null", O_RDWR);
+	while (fd >= 0 && fd <= STDERR_FILENO);
+	close(fd);
 }
 
 /* Each point of a chain is an open file. */
@@ -136,7 +172,8 @@ void raise_file_limit()
 } // namespace
 
 int main(int argc, char **argv)
-{
+try {
+	open_standard_files();
 	Options options;
 	const Subcommand *chosen = nullptr;
 	CLI::App app("Backs up LVM volumes by what changed, and restores and browses them",
@@ -160,4 +197,6 @@ int main(int argc, char **argv)
 	std::signal(SIGCHLD, SIG_DFL); /* who started us may ignore the ends of his children */
 	umask(077);                    /* restore points hold what only the superuser may read */
 	return run(*chosen, options);
+} catch (const std::exception &error) {
+	return fail(exit_failed, error.what());
 }

@@ -7,6 +7,8 @@
 #include <sys/mman.h>
 #include <syslog.h>
 
+#include "message.h"
+
 namespace zorvat::agent
 {
 
@@ -42,7 +44,7 @@ public:
 		return 0;
 	} catch (const std::exception &error) {
 		if (!told_) {
-			fmt::print(stderr, "zorvat: {}\n", error.what());
+			tell_line(error.what());
 			syslog(LOG_DAEMON | LOG_ERR, "%s", error.what());
 		}
 		told_ = true;

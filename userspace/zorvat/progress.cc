@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "failure.h"
+#include "message.h"
 
 namespace zorvat::agent
 {
@@ -70,7 +71,7 @@ Progress::Style Progress::style_for_standard_error()
 void Progress::note(const std::string &text)
 {
 	if (style_ != silent)
-		fmt::print(stderr, "{}{}\n", style_ == terminal ? "\r\033[K" : "", text);
+		tell((style_ == terminal ? "\r\033[K" : "") + text + "\n");
 }
 
 void Progress::begin(const std::string &stage, uint64_t total)
@@ -119,10 +120,7 @@ std::string Progress::status(double seconds) const
 
 void Progress::show(double seconds)
 {
-	if (style_ == terminal)
-		fmt::print(stderr, "\r\033[K{}", status(seconds));
-	else
-		fmt::print(stderr, "{}\n", status(seconds));
+	tell(style_ == terminal ? "\r\033[K" + status(seconds) : status(seconds) + "\n");
 }
 
 } // namespace zorvat::agent

@@ -174,7 +174,9 @@ uint64_t number_of(const std::string &id)
 PointName PointName::parse(const std::string &text)
 {
 	const size_t at = text.rfind('@');
-	if (at == std::string::npos || text.find('/', at) != std::string::npos)
+	std::error_code ignored;
+	if (at == std::string::npos || text.find('/', at) != std::string::npos ||
+	    fs::is_directory(text, ignored))
 		return {text, ""};
 	return {text.substr(0, at), text.substr(at + 1)};
 }

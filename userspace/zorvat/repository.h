@@ -60,7 +60,7 @@ struct Attempt {
 	std::vector<BlockRun> changes;
 };
 
-/* "REPO@POINT", as people name restore points. */
+/* "REPO@POINT", as people name restore points; a directory that is there is REPO, with any @. */
 struct PointName {
 	fs::path repository;
 	std::string point; // empty: the latest

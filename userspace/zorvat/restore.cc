@@ -49,6 +49,47 @@ File open_device(const RestoreRequest &request)
 	}
 }
 
+/* what: of the target, as "is too small". */
+Failure unusable(const RestoreRequest &request, const std::string &what)
+{
+	return Failure(FailureCode::usage, fmt::format("'{}' {}", request.target.native(), what));
+}
+
+bool is_in_repository(const fs::path &path)
+{
+	std::error_code ignored;
+	for (fs::path directory = path; directory.has_relative_path();) {
+		directory = directory.parent_path();
+		if (fs::exists(directory / "repository.json", ignored) &&
+		    fs::exists(directory / "points", ignored))
+			return true;
+	}
+	return false;
+}
+
+/* Where the file is to be, through links; nothing is there, or a file. */
+fs::path path_of_file(const RestoreRequest &request)
+{
+	std::error_code error;
+	const fs::file_status status = fs::status(request.target, error);
+	std::error_code ignored;
+	if (!fs::exists(status) && fs::is_symlink(request.target, ignored))
+		throw unusable(request, "is a link that leads nowhere");
+	if (status.type() == fs::file_type::none)
+		throw system_failure("cannot look at " + request.target.native(), error.value());
+	if (request.target.empty() || (fs::exists(status) && !fs::is_regular_file(status)))
+		throw unusable(request, "is neither a block device nor a file");
+	fs::path path = fs::weakly_canonical(fs::absolute(request.target));
+	/* A name with a typing error: a file of that size would fill the memory. */
+	if (path.native().starts_with("/dev/"))
+		throw Failure(FailureCode::usage, "there is no device " + path.native());
+	if (!path.has_filename() || !fs::is_directory(path.parent_path()))
+		throw unusable(request, "is in no directory");
+	if (is_in_repository(path))
+		throw unusable(request, "is in a repository");
+	return path;
+}
+
 /* Where the data go. */
 class Target
 {
@@ -59,17 +100,15 @@ public:
 		if (fs::is_block_file(request.target, ignored)) {
 			device_ = open_device(request);
 			if (device_.size() < size)
-				throw Failure(FailureCode::usage,
-					      fmt::format("{} is too small: it has {} bytes, the "
-							  "volume {}",
-							  request.target.native(), device_.size(),
-							  size));
+				throw unusable(request,
+					       fmt::format("is too small: it has {} bytes, the "
+							   "volume {}",
+							   device_.size(), size));
 			return;
 		}
-		if (fs::exists(request.target, ignored) && !request.force)
-			throw Failure(FailureCode::busy,
-				      request.target.native() + " exists (--force)");
-		new_file_.emplace(request.target);
+		path_ = path_of_file(request);
+		refuse_to_overwrite();
+		new_file_.emplace(path_, NewFile::shared_directory);
 		if (ftruncate(file().get(), static_cast<off_t>(size)) != 0)
 			throw system_failure("cannot make " + request.target.native() +
 						     " as long as the volume",
@@ -97,12 +136,22 @@ public:
 	}
 	void complete()
 	{
-		if (new_file_)
-			new_file_->commit();
+		if (!new_file_)
+			return;
+		refuse_to_overwrite(); // somebody may have made one meanwhile
+		new_file_->commit();
 	}
 
 private:
+	void refuse_to_overwrite() const
+	{
+		if (!request_.force && fs::exists(path_))
+			throw Failure(FailureCode::busy,
+				      request_.target.native() + " exists (--force)");
+	}
+
 	const RestoreRequest &request_;
+	fs::path path_; // of the file
 	File device_;
 	std::optional<NewFile> new_file_;
 };

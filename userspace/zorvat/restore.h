@@ -21,9 +21,11 @@ struct RestoreResult {
 };
 
 /*
- * A file appears under its name once it is complete. A device that is mounted or otherwise held, or
- * tracked by the driver, is refused with Failure(busy), a smaller one with Failure(usage). A block
- * that does not fit its checksum ends it: what was written before stays on a device.
+ * A file appears under its name once it is complete; with force, in place of the one that the name
+ * leads to. Throws Failure(busy) for a file that is there, and a device that is mounted or
+ * otherwise held, or tracked by the driver; Failure(usage) for a device that is too small, what is
+ * neither device nor file, and names in /dev or in a repository where no device is. A block that
+ * does not fit its checksum ends it: what was written before stays on a device.
  */
 RestoreResult restore(PointReader &reader, const RestoreRequest &request, Progress &progress);
 
