@@ -10,12 +10,19 @@ cases() {
 	echo no_room_in_the_repository
 	echo a_flipped_byte_is_found
 	echo tells_why_it_is_full
-	echo mounts_an_older_point
+	for type in ext4 xfs; do
+		echo mounts_an_older_point $type
+	done
 	echo serves_a_disk
+	echo unmounts_what_nobody_serves
 	echo refuses_targets_in_use
 	echo forgets_without_losing_a_block
 	echo unload
+	echo mount_tells_that_there_is_no_driver
 }
+
+repository_disk=/tmp/repository-disk
+repository=$repository_disk/data
 
 # --- Cases
 
@@ -95,23 +102,31 @@ tells_why_it_is_full() {
 	restore_equals "$repository" /tmp/truth
 }
 
-mounts_an_older_point() {
-	use_busy_volume
+mounts_an_older_point() { # TYPE
+	use_busy_volume "$1"
 	echo "as it was" >/mnt/note
 	sync
 	zorvat backup vg/data --to "$repository" -q
 	echo "as it is" >/mnt/note
 	sync
 	zorvat backup vg/data --to "$repository" -q
-	mkdir -p /tmp/old /tmp/new
-	zorvat mount "$repository@1" /tmp/old
-	zorvat mount "$repository" /tmp/new
-	grep "as it was" /tmp/old/note
+	local old='/tmp/as it\was' status=0
+	mkdir -p "$old" /tmp/new
+	zorvat mount "$repository@1" "$old"
+	# Who waits for the end of a pipe that the caller has open need not wait for the server.
+	zorvat mount "$repository" /tmp/new 9>&1 | timeout 30 cat
+	grep "as it was" "$old/note"
 	grep "as it is" /tmp/new/note
-	zorvat umount /tmp/old
+	(cd "$old" && zorvat umount .) || status=$?
+	[ $status = 6 ]
+	zorvat umount "$old"
 	zorvat umount /tmp/new
-	zorvatctl disks --json | grep -F '[]'
-	fails zorvat umount /tmp/old
+	nothing_serves
+	for failing in 'umount /tmp/new' "mount $repository@9 /tmp/new"; do
+		status=0
+		zorvat $failing || status=$?
+		[ $status = 4 ]
+	done
 }
 
 serves_a_disk() {
@@ -119,12 +134,35 @@ serves_a_disk() {
 	back_up_and_keep_truth
 	serve_by zorvat serve "$repository"
 	oracle equal /tmp/truth "$served"
-	# The server dies; whoever backs up next removes its disk.
-	kill -9 $server
-	wait $server || true
+	# The server dies; whoever backs up next removes its disk, and no other one.
+	die_and_reuse_number $server
 	ended_server=$server
+	zorvatctl disks | grep no-server
+	mkdir -p /tmp/new
+	zorvat mount "$repository" /tmp/new -q
+	fails ls "$served"
 	zorvat backup vg/data --to "$repository" -q
-	zorvatctl disks --json | grep -F '[]'
+	ls /tmp/new
+	zorvat umount /tmp/new
+	nothing_serves
+}
+
+unmounts_what_nobody_serves() {
+	use_busy_volume
+	zorvat backup vg/data --to "$repository" -q
+	mkdir -p /tmp/new
+	zorvat mount "$repository" /tmp/new
+	die_and_reuse_number "$(pidof zorvat)"
+	zorvat umount /tmp/new
+	nothing_serves
+	kill -0 $other
+	# And so it is when the disk was removed before.
+	zorvat mount "$repository" /tmp/new
+	kill -9 "$(pidof zorvat)"
+	eventually 10 eval 'zorvatctl disks | grep no-server'
+	zorvat backup vg/data --to "$repository" -q
+	zorvat umount /tmp/new
+	fails grep /tmp/new /proc/mounts
 }
 
 refuses_targets_in_use() {
@@ -160,15 +198,22 @@ forgets_without_losing_a_block() {
 	rm /tmp/truth*
 }
 
+# With the repository that the case before has left on the third disk.
+mount_tells_that_there_is_no_driver() {
+	mount -t ext4 /dev/vdc $repository_disk
+	defer umount $repository_disk
+	local status=0
+	zorvat mount "$repository" /tmp/new || status=$?
+	[ $status = 3 ]
+}
+
 # --- The volume and the repository, until the case ends
 
 # $volume, mounted on /mnt and written all the time; $repository, on the third disk.
-use_busy_volume() {
-	use_volume 32
+use_busy_volume() { # [TYPE]: of its file system, ext4 if not given
+	use_volume 32 "${1:-ext4}"
 	eventually 10 is_known_as_it_is $volume
 	defer 'zorvatctl stop $volume'
-	repository_disk=/tmp/repository-disk
-	repository=$repository_disk/data
 	mkdir -p $repository_disk
 	make_ext4 /dev/vdc
 	mount -t ext4 /dev/vdc $repository_disk
@@ -237,9 +282,29 @@ flip_byte() { # FILE OFFSET
 
 nothing_is_left() {
 	fails ls /dev/vg/ZKR_snapshot*
-	zorvatctl disks --json | grep -F '[]'
+	nothing_serves
 	[ ! -e "$repository/attempt.json" ]
 	fails ls "$repository"/*/*.tmp
+}
+
+nothing_serves() {
+	zorvatctl disks --json | grep -F '[]'
+	eventually 5 fails pidof zorvat
+}
+
+# Kills the process; another one, $other, has its number until the case ends.
+die_and_reuse_number() { # PROCESS
+	[ -e /proc/sys/kernel/ns_last_pid ] || skip "process numbers cannot be chosen"
+	kill -9 $1
+	wait $1 || true
+	eventually 10 fails kill -0 $1
+	other=
+	until [ "$other" = $1 ]; do
+		echo $(($1 - 1)) >/proc/sys/kernel/ns_last_pid
+		sleep 1000 &
+		other=$!
+		defer "kill $other; wait $other || true"
+	done
 }
 
 random() {

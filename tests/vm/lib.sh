@@ -226,12 +226,19 @@ use_volume_group() { # vg on the first disk
 	defer 'lvm vgremove -q -f vg'
 }
 
-use_volume() { # MEBIBYTES: $volume, with a file system mounted on /mnt
+use_volume() { # MEBIBYTES [TYPE]: $volume, with a file system mounted on /mnt, ext4 or xfs
+	local type=${2:-ext4}
+	[ $type != xfs ] || modprobe -q xfs || skip "no xfs"
 	use_volume_group
 	lvm lvcreate -q -y -n data -L "$1m" vg
 	volume=/dev/vg/data
-	make_ext4 $volume
-	mount -t ext4 $volume /mnt
+	if [ $type = ext4 ]; then
+		make_ext4 $volume
+	else
+		# It makes small ones for tests only.
+		TEST_DIR=/mnt TEST_DEV=$volume QA_CHECK_FS=1 mkfs.xfs -q $volume
+	fi
+	mount -t $type $volume /mnt
 	defer umount /mnt
 }
 

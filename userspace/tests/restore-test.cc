@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 /* Commands on restore disks: their records, and what their failures are called. */
+#include <csignal>
 #include <gmock/gmock.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
 #include <zorvat/restore.h>
 
 #include "fake-kernel.h"
@@ -121,6 +124,29 @@ TEST_F(Restore, ListThatLacksHandlesIsNone)
 	for (size_t lost : {size_t{1}, size_t{9000}, SIZE_MAX - 1}) {
 		kernel_.lost_handles = lost;
 		expect_error(Errc::bad_answer, "no sense", [&] { disks_.list(); });
+	}
+}
+
+/* A process like any other has got the number of the server, which is gone. */
+TEST_F(Restore, ServerIsMoreThanAProcessOfThatNumber)
+{
+	auto disk = disks_.attributes(allocate());
+	disk.server = fork();
+	if (disk.server == 0) {
+		pause();
+		_exit(0);
+	}
+	EXPECT_FALSE(can_have_server(disk));
+	kill(disk.server, SIGKILL);
+	waitpid(disk.server, nullptr, 0);
+	EXPECT_FALSE(can_have_server(disk));
+
+	const size_t sizes[] = {zorvat::min_service_area - 4096, zorvat::min_service_area};
+	disk.server = getpid();
+	for (const size_t size : sizes) {
+		void *area = mmap(nullptr, size, PROT_READ, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+		EXPECT_EQ(can_have_server(disk), size == sizes[1]);
+		munmap(area, size);
 	}
 }
 

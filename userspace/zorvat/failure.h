@@ -48,9 +48,11 @@ private:
 inline Failure system_failure(const std::string &attempt, int number)
 {
 	const bool full = number == ENOSPC || number == EDQUOT || number == EFBIG;
-	return Failure(full ? FailureCode::no_space
-			    : (number == ENOENT ? FailureCode::not_found : FailureCode::failed),
-		       attempt + ": " + std::generic_category().message(number), number);
+	const FailureCode code = full               ? FailureCode::no_space
+				 : number == ENOENT ? FailureCode::not_found
+				 : number == EBUSY  ? FailureCode::busy
+						    : FailureCode::failed;
+	return Failure(code, attempt + ": " + std::generic_category().message(number), number);
 }
 
 inline Failure damaged(const std::string &file, const std::string &what)

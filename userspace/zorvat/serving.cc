@@ -1,18 +1,24 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "serving.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <fstream>
-#include <optional>
+#include <iterator>
+#include <libmount/libmount.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sstream>
 #include <sys/mount.h>
 #include <thread>
 #include <zorvat/disk-server.h>
+
+extern "C" {
+#include <sys/pidfd.h> // of glibc 2.36, which does not say so itself
+}
 
 namespace zorvat::agent
 {
@@ -23,7 +29,7 @@ namespace
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-constexpr auto patience = 10s;
+constexpr std::chrono::milliseconds patience = 10s;
 
 sigset_t ending_signals()
 {
@@ -84,18 +90,17 @@ void wait_for_node(const DiskServer &server)
 		throw Failure(FailureCode::failed, server.node().native() + " has not appeared");
 }
 
-/* What is mounted on the directory now, by device number. */
-std::optional<DeviceNumber> device_mounted_on(const fs::path &directory)
+/* What is mounted on the directory now, on top of all else; empty: nothing. */
+fs::path device_mounted_on(const fs::path &directory)
 {
-	std::optional<DeviceNumber> device;
-	std::ifstream mounts("/proc/self/mountinfo");
-	for (std::string line; std::getline(mounts, line);) {
-		std::string id, parent, number, root, where;
-		std::istringstream(line) >> id >> parent >> number >> root >> where;
-		if (where == directory.native()) // the last one is on top
-			device = DeviceNumber::parse(number);
-	}
-	return device;
+	const std::unique_ptr<libmnt_table, decltype(&mnt_unref_table)> mounts(
+		mnt_new_table_from_file("/proc/self/mountinfo"), mnt_unref_table);
+	if (!mounts)
+		throw system_failure("cannot read what is mounted", errno);
+	libmnt_fs *mounted =
+		mnt_table_find_target(mounts.get(), directory.c_str(), MNT_ITER_BACKWARD);
+	const char *source = mounted ? mnt_fs_get_source(mounted) : nullptr;
+	return source ? source : "";
 }
 
 struct FileSystem {
@@ -128,6 +133,16 @@ MountRequest completed(MountRequest request, PointReader &reader)
 	return request;
 }
 
+constexpr int answer_fd = 3;
+
+/* So that whoever waits for the ends of the caller's pipes need not wait for this process. */
+void close_all_but(int answer)
+{
+	if (dup2(answer, answer_fd) < 0)
+		throw system_failure("cannot keep a pipe", errno);
+	closefrom(answer_fd + 1);
+}
+
 /* From here on nobody reads what is printed. */
 void leave_terminal()
 {
@@ -149,54 +164,143 @@ void mount_disk(const DiskServer &server, const MountRequest &request)
 				     errno);
 }
 
-/* The process in the background. Says "+DEVICE" once it serves, or "-MESSAGE",
- * and a zero byte.
+/*
+ * The process in the background says one thing: a disk's path, or what it caught instead. Then
+ * comes a zero byte: threads with tables of open files of their own keep the pipe open.
  */
-void serve_mounted(PointReader reader, const MountRequest &request, int answer)
-{
-	const auto say = [answer](const std::string &text) {
-		[[maybe_unused]] const ssize_t count = write(answer, text.c_str(), text.size() + 1);
-		close(answer);
+struct Answer {
+	enum : char {
+		serves = '+',
+		agent_failed = 'A',
+		library_failed = 'L',
 	};
-	bool ready = false;
-	try {
-		leave_terminal();
-		block_ending_signals();
-		DiskServer server(open_netlink(), make_source(std::move(reader)));
-		const SignalThread signals(server);
-		server.resume();
-		wait_for_node(server);
-		mount_disk(server, request);
-		ready = true;
-		say("+" + server.node().native());
-		server.wait();
-		const auto mounted = device_mounted_on(request.directory);
-		if (mounted && mounted->major == server.disk().device.major)
-			umount2(request.directory.c_str(), MNT_DETACH);
-		server.stop();
-	} catch (const std::exception &error) {
-		if (!ready)
-			say(std::string("-") + error.what());
-	}
-}
-
-/* Up to a zero byte: threads with tables of open files of their own keep the pipe's other end. */
-std::string read_answer(int fd)
-{
+	char kind = agent_failed;
+	int code = static_cast<int>(FailureCode::failed); // FailureCode or Errc
+	int number = 0;                                   // of errno
 	std::string text;
-	for (char next = 0; text.empty() || next != 0;) {
-		const ssize_t count = read(fd, &next, 1);
-		if (count == 0 || (count < 0 && errno != EINTR))
-			break;
-		if (count > 0 && next != 0)
-			text += next;
+
+	/* False: the caller is gone. */
+	bool say() const
+	{
+		const std::string all = fmt::format("{} {} {} {}", kind, code, number, text);
+		const auto length = static_cast<ssize_t>(all.size() + 1);
+		return write(answer_fd, all.c_str(), all.size() + 1) == length;
 	}
-	return text;
+
+	static Answer read_from(int fd)
+	{
+		std::string all;
+		for (char next = 0; all.empty() || next != 0;) {
+			const ssize_t count = read(fd, &next, 1);
+			if (count == 0 || (count < 0 && errno != EINTR))
+				break;
+			if (count > 0 && next != 0)
+				all += next;
+		}
+		Answer answer;
+		std::istringstream stream(all);
+		if (!(stream >> answer.kind >> answer.code >> answer.number && stream.get() == ' '))
+			return {.text = "the server ended before it served"};
+		answer.text = std::string(std::istreambuf_iterator<char>(stream), {});
+		return answer;
+	}
+
+	std::string node_or_throw() const
+	{
+		if (kind == serves)
+			return text;
+		if (kind == library_failed)
+			throw Error(static_cast<Errc>(code), text, {}, number);
+		throw Failure(static_cast<FailureCode>(code), text, number);
+	}
+};
+
+void serve_mounted(const PointName &name, MountRequest request)
+{
+	PointReader reader(Repository(name.repository), name.point);
+	request = completed(request, reader);
+	leave_terminal();
+	block_ending_signals();
+	DiskServer server(open_netlink(), make_source(std::move(reader)));
+	const SignalThread signals(server);
+	server.resume();
+	wait_for_node(server);
+	mount_disk(server, request);
+	if (!Answer{.kind = Answer::serves, .text = server.node()}.say())
+		server.request_stop();
+	server.wait();
+	if (device_mounted_on(request.directory) == server.node())
+		umount2(request.directory.c_str(), MNT_DETACH);
+	server.stop();
 }
 
-bool is_running(pid_t process)
+/* Nobody reads what is said after the answer. */
+void run_in_background(const PointName &name, const MountRequest &request, int answer)
 {
-	return kill(process, 0) == 0 || errno != ESRCH;
+	try {
+		close_all_but(answer);
+		serve_mounted(name, request);
+	} catch (const Error &error) {
+		Answer{Answer::library_failed, static_cast<int>(error.code()), error.error_number(),
+		       error.what()}
+			.say();
+	} catch (const Failure &failure) {
+		Answer{Answer::agent_failed, static_cast<int>(failure.code()),
+		       failure.error_number(), failure.what()}
+			.say();
+	} catch (const std::exception &error) {
+		Answer{.text = error.what()}.say();
+	}
+}
+
+/* A process that cannot be taken for another one, which its number may be given to. */
+class Process
+{
+public:
+	explicit Process(pid_t number) : fd_(pidfd_open(number, 0))
+	{
+	}
+	~Process()
+	{
+		if (fd_ >= 0)
+			close(fd_);
+	}
+	Process(const Process &) = delete;
+	Process &operator=(const Process &) = delete;
+
+	bool ends_soon() const
+	{
+		pollfd ended{fd_, POLLIN, 0};
+		return fd_ < 0 || poll(&ended, 1, patience.count()) != 0;
+	}
+
+private:
+	int fd_;
+};
+
+bool answers(const DiskAttributes &disk)
+{
+	try {
+		ask_server_port(disk);
+		return true;
+	} catch (const Error &) {
+		return false;
+	}
+}
+
+/*
+ * A server ends when its disk is gone: there is no need for a signal, which could hit another
+ * process. It has files of the repository open until then.
+ */
+void end_server(const RestoreDisks &disks, const DiskAttributes &disk)
+{
+	const Process server(disk.server);
+	const bool is_there = answers(disk);
+	disks.destroy(disk.handle);
+	if (is_there && !server.ends_soon())
+		throw Failure(FailureCode::failed,
+			      fmt::format("process {}, which served {}, does not end", disk.server,
+					  disk.name));
 }
 
 } // namespace
@@ -220,61 +324,44 @@ std::string mount_point(const PointName &name, const MountRequest &request)
 	absolute.directory = fs::canonical(request.directory, error);
 	if (error || !fs::is_directory(absolute.directory))
 		throw Failure(FailureCode::usage, request.directory.native() + " is no directory");
-	PointReader reader(Repository(name.repository), name.point);
-	absolute = completed(absolute, reader);
 
-	std::array<int, 2> answer;
-	if (pipe2(answer.data(), O_CLOEXEC) != 0)
+	std::array<int, 2> ends;
+	if (pipe2(ends.data(), O_CLOEXEC) != 0)
 		throw system_failure("cannot make a pipe", errno);
 	const pid_t process = fork();
-	if (process < 0)
-		throw system_failure("cannot start a process", errno);
 	if (process == 0) {
-		close(answer[0]);
-		serve_mounted(std::move(reader), absolute, answer[1]);
+		run_in_background(name, absolute, ends[1]);
 		_exit(0);
 	}
-	close(answer[1]);
-	const std::string text = read_answer(answer[0]);
-	close(answer[0]);
-	if (!text.starts_with('+'))
-		throw Failure(FailureCode::failed,
-			      text.empty() ? "the server ended before it served" : text.substr(1));
-	return text.substr(1);
+	const int number = errno;
+	close(ends[1]);
+	const Answer answer = Answer::read_from(ends[0]);
+	close(ends[0]);
+	if (process < 0)
+		throw system_failure("cannot start a process", number);
+	return answer.node_or_throw();
 }
 
 void unmount_point(const fs::path &directory)
 {
 	std::error_code error;
-	const fs::path path = fs::canonical(directory, error);
-	const auto mounted = device_mounted_on(error ? directory : path);
-	if (!mounted)
+	fs::path where = fs::canonical(directory, error);
+	if (error) // as may be where nothing can be read any more
+		where = fs::absolute(directory).lexically_normal();
+	const fs::path device = device_mounted_on(where);
+	if (device.empty())
 		throw Failure(FailureCode::not_found,
 			      "nothing is mounted on " + directory.native());
-	const RestoreDisks disks(open_netlink());
-	std::optional<DiskAttributes> disk;
-	for (const DiskAttributes &candidate : disks.list())
-		if (candidate.device.major == mounted->major)
-			disk = candidate;
-	if (!disk)
+	if (!device.native().starts_with("/dev/zorvat-"))
 		throw Failure(FailureCode::usage,
 			      directory.native() + " has no restore disk mounted");
-	if (umount2(path.c_str(), 0) != 0)
-		throw Failure(
-			errno == EBUSY ? FailureCode::busy : FailureCode::failed,
-			fmt::format("cannot unmount {}: {}", directory.native(), error_text(errno)),
-			errno);
-	if (kill(disk->server, SIGTERM) != 0)
-		return disks.destroy(disk->handle);
-	const auto is_gone = [&] {
-		for (const DiskAttributes &other : disks.list())
-			if (other.handle == disk->handle)
-				return false;
-		return true;
-	};
-	if (!eventually(is_gone))
-		throw Failure(FailureCode::failed,
-			      fmt::format("process {} still serves {}", disk->server, disk->name));
+	const RestoreDisks disks(open_netlink());
+	const auto all = disks.list();
+	const auto disk = std::ranges::find(all, device.filename().native(), &DiskAttributes::name);
+	if (umount2(where.c_str(), 0) != 0)
+		throw system_failure("cannot unmount " + directory.native(), errno);
+	if (disk != all.end()) // else it was destroyed after its server had died
+		end_server(disks, *disk);
 }
 
 std::vector<std::string> remove_dead_disks()
@@ -282,7 +369,7 @@ std::vector<std::string> remove_dead_disks()
 	std::vector<std::string> names;
 	const RestoreDisks disks(open_netlink());
 	for (const DiskAttributes &disk : disks.list()) {
-		if (is_running(disk.server))
+		if (can_have_server(disk))
 			continue;
 		disks.destroy(disk.handle);
 		names.push_back(disk.name);

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 /* The subcommands on restore disks that others serve. */
 #include <algorithm>
-#include <cerrno>
-#include <csignal>
 #include <fmt/format.h>
 #include <zorvat/disk-server.h>
 #include <zorvat/restore.h>
@@ -22,7 +20,7 @@ RestoreDisks open_disks(const Options &options)
 
 const char *state_of(const DiskAttributes &disk)
 {
-	if (kill(disk.server, 0) != 0 && errno == ESRCH)
+	if (!can_have_server(disk))
 		return "no-server";
 	return disk.suspended() ? "suspended" : "running";
 }

@@ -6,6 +6,9 @@
 #include <bit>
 #include <cerrno>
 #include <chrono>
+#include <cinttypes>
+#include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
@@ -173,6 +176,24 @@ DiskAttributes from_sysfs(DiskHandle disk, const fs::path &directory)
 }
 
 } // namespace
+
+bool can_have_server(const DiskAttributes &disk)
+{
+	if (kill(disk.server, 0) != 0 && errno == ESRCH)
+		return false;
+	std::ifstream mappings(fmt::format("/proc/{}/maps", disk.server));
+	if (!mappings)
+		return true;
+	for (std::string line; std::getline(mappings, line);) {
+		uintptr_t begin, end;
+		char sharing;
+		if (std::sscanf(line.c_str(), "%" SCNxPTR "-%" SCNxPTR " %*3c%c", &begin, &end,
+				&sharing) == 3 &&
+		    sharing == 's' && end - begin >= min_service_area)
+			return true;
+	}
+	return mappings.bad(); // else there are no more: none at all, once it is ending
+}
 
 RestoreDisks::Placeholders::~Placeholders()
 {

@@ -46,6 +46,14 @@ struct DiskRequest {
 	std::span<std::byte> service_area;
 };
 
+/*
+ * Whether the process that the driver names can be the disk's server. It is not just for having the
+ * number, which may have been given to another one since: a server has a shared mapping that is
+ * large enough for a service area. True if this process may not know. Asks for processes of its own
+ * PID namespace.
+ */
+bool can_have_server(const DiskAttributes &disk);
+
 struct DiskCommand; // a command with what is needed to explain its failure
 
 /*
