@@ -49,7 +49,7 @@ demo: module build-plain
 
 bench: module build-plain
 	@for benchmark in build/plain/bench/bench-*; do $$benchmark || exit; done
-	@vm/run fio restore-disks
+	@vm/run fio restore-disks large-volume
 
 clean:
 	@[ ! -d $(KDIR) ] || for folder in . tests/vm/overlay; do \

@@ -79,10 +79,7 @@ std::string backup(const Options &options)
 			   human_seconds(result.seconds));
 }
 
-/*
- * Work on a repository and nothing else. Readers that a writer overtook have tried again, so a file
- * that is not there is damage.
- */
+/* Work on a repository and nothing else: a file that is not there is damage. */
 template <typename Work> auto on_repository(Work work)
 {
 	try {

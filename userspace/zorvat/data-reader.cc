@@ -31,7 +31,7 @@ size_t FrameDecoder::decompress(std::span<const std::byte> stored, std::span<std
 	return ZSTD_isError(length) ? SIZE_MAX : length;
 }
 
-/* A manifest names it. */
+/* A manifest names it: without it the point is damaged. */
 static File open_data(const fs::path &path)
 try {
 	return File(path, O_RDONLY);
