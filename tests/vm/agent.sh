@@ -28,15 +28,24 @@ repository=$repository_disk/data
 
 every_point_is_its_snapshot() { # ROUNDS
 	use_busy_volume
-	local point
-	for round in $(seq "$1"); do
+	for point in $(seq "$1"); do
 		back_up_and_keep_truth
 		restore_equals "$repository" /tmp/truth
-		[ "$round" = 1 ] || zorvat list "$repository" --json | grep -q incremental
+		[ "$point" = 1 ] || zorvat list "$repository" --json | grep -q incremental
+		sum_of /tmp/truth >/tmp/sum$point
 	done
 	zorvat verify "$repository" -q
-	serve_by zorvat serve "$repository"
-	oracle equal /tmp/truth "$served"
+	# However many came after it, and on both roads.
+	for point in $(seq "$1"); do
+		zorvat restore "$repository@$point" --to /tmp/restored -q
+		sum_of /tmp/restored | cmp - /tmp/sum$point
+		rm /tmp/restored
+		zorvat serve "$repository@$point" >/tmp/served &
+		server=$!
+		eventually 20 grep -q ^/dev/ /tmp/served
+		sum_of "$(grep -m1 ^/dev/ /tmp/served)" | cmp - /tmp/sum$point
+		stop_serving $server
+	done
 }
 
 killed_at_random() { # ROUNDS
@@ -269,6 +278,10 @@ restore_equals() { # REPOSITORY[@POINT] FILE
 	zorvat restore "$1" --to /tmp/restored -q
 	oracle equal /tmp/restored "$2"
 	rm /tmp/restored
+}
+
+sum_of() { # FILE
+	md5sum "$1" | cut -d' ' -f1
 }
 
 fill_repository_disk() {
