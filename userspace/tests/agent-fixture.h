@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -58,7 +59,7 @@ struct Machine {
 	void step()
 	{
 		if (steps_left-- == 0)
-			_exit(9);
+			raise(SIGKILL);
 	}
 
 	void write(size_t block, uint8_t value)
