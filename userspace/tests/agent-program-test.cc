@@ -151,6 +151,7 @@ TEST_F(AgentProgramTest, exits_as_its_page_says)
 		{"restore repository --to '\xff' --json", 0},
 		{"list repository >/dev/full", 1},
 		{"", 2},
+		{"list ''", 2},
 		{"list repository@1", 2},
 		{"verify repository@1", 2},
 		{"forget repository", 2},

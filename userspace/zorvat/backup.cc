@@ -9,8 +9,8 @@
 #include <random>
 #include <sys/stat.h>
 
+#include "../output.h"
 #include "block-runs.h"
-#include "message.h"
 #include "volume-reader.h"
 
 namespace zorvat::agent

@@ -2,10 +2,10 @@
 #include "commands.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include "../output.h"
 #include "restore.h"
 
 namespace zorvat::agent
@@ -278,13 +278,6 @@ constexpr Subcommand table[] = {
 std::span<const Subcommand> subcommands()
 {
 	return table;
-}
-
-void print(const std::string &text)
-{
-	if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
-	    std::fflush(stdout) != 0)
-		throw Failure(FailureCode::failed, "cannot write the output: " + error_text(errno));
 }
 
 } // namespace zorvat::agent

@@ -35,9 +35,6 @@ struct Subcommand {
 
 std::span<const Subcommand> subcommands();
 
-/* At once, on standard output. */
-void print(const std::string &text);
-
 } // namespace zorvat::agent
 
 #endif

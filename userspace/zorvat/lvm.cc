@@ -83,6 +83,8 @@ public:
 			volumes = report("vg_name,lv_name,lv_uuid,lv_size,vg_free,lv_path,lv_attr",
 					 name);
 		} catch (const Failure &failure) {
+			if (failure.error_number() != 0)
+				throw;
 			throw Failure(FailureCode::not_found,
 				      fmt::format("there is no logical volume {}: {}", name,
 						  failure.what()));

@@ -11,15 +11,14 @@
 #include <unistd.h>
 
 #include "../exit-codes.h"
+#include "../output.h"
 #include "commands.h"
-#include "message.h"
 
 namespace
 {
 
-using namespace zorvat::agent;
-
 using namespace zorvat;
+using namespace zorvat::agent;
 
 constexpr ExitCode exit_busy{6};
 constexpr ExitCode exit_damaged{7};
@@ -70,12 +69,19 @@ std::string problem_with_size(const std::string &text)
 	return std::regex_match(text, size) ? "" : "'" + text + "' is no size, as 10g is one";
 }
 
+/* Else it would be the current directory. */
+std::string problem_with_name(const std::string &text)
+{
+	return text.empty() ? "it is empty" : "";
+}
+
 void add_backup_options(CLI::App &app, Options &options)
 {
 	app.add_option("volume", options.backup.volume, "group/volume, or path of its device")
 		->required();
 	app.add_option("--to", options.backup.repository, "directory of the repository")
-		->required();
+		->required()
+		->check(problem_with_name);
 	app.add_flag("--full", options.backup.full, "copy all of the volume");
 	app.add_option("--snapshot-size", options.backup.snapshot_size,
 		       "room for what is written meanwhile, as lvcreate takes it")
@@ -124,7 +130,8 @@ void add_options_of(std::string_view name, CLI::App &app, Options &options)
 	const bool whole = name == "list" || name == "verify";
 	app.add_option("repository", options.point,
 		       whole ? "its directory" : "its directory, @ and a point; else the last one")
-		->required();
+		->required()
+		->check(problem_with_name);
 	if (name == "restore")
 		add_restore_options(app, options);
 	if (name == "mount")

@@ -7,7 +7,7 @@
 #include <sys/mman.h>
 #include <syslog.h>
 
-#include "message.h"
+#include "../output.h"
 
 namespace zorvat::agent
 {

@@ -86,7 +86,10 @@ pid_t start(const std::vector<std::string> &command, const Pipe &output, const P
 	posix_spawn_file_actions_destroy(&actions);
 	posix_spawnattr_destroy(&attributes);
 	if (number != 0)
-		throw system_failure("cannot run " + command[0], number);
+		throw Failure(FailureCode::failed,
+			      "cannot run " + command[0] + ": " +
+				      std::generic_category().message(number),
+			      number);
 	return process;
 }
 

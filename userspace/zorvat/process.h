@@ -9,7 +9,10 @@
 namespace zorvat::agent
 {
 
-/* Returns its standard output. Throws Failure with its messages if it does not end with 0. */
+/*
+ * Returns its standard output. Throws Failure with its messages if it does not end with 0, and with
+ * an error number if it could not be started.
+ */
 std::string run_program(const std::vector<std::string> &command);
 
 } // namespace zorvat::agent

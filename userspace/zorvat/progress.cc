@@ -8,8 +8,8 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include "../output.h"
 #include "failure.h"
-#include "message.h"
 
 namespace zorvat::agent
 {

@@ -184,10 +184,13 @@ PointName PointName::parse(const std::string &text)
 Repository::Repository(const fs::path &directory) : directory_(directory)
 {
 	const fs::path identity = identity_path();
-	std::error_code ignored;
-	if (!fs::exists(identity, ignored))
+	std::error_code error;
+	if (!fs::exists(identity, error)) {
+		if (error)
+			throw system_failure("cannot look at " + identity.native(), error.value());
 		throw Failure(FailureCode::not_found,
 			      directory.native() + " is no repository: it has no repository.json");
+	}
 	const Json json = read_sealed_json(identity);
 	try {
 		if (json.at("format") != repository_format)
@@ -200,6 +203,10 @@ Repository::Repository(const fs::path &directory) : directory_(directory)
 	} catch (const Json::exception &error) {
 		throw damaged(identity.native(), error.what());
 	}
+	for (const fs::path &part : {points_directory(), data_directory()})
+		if (!fs::is_directory(part, error))
+			throw damaged(directory.native(),
+				      "it has no directory " + part.filename().native());
 }
 
 Repository Repository::open_or_create(const fs::path &directory, const std::string &volume_name,

@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sstream>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <thread>
 #include <zorvat/disk-server.h>
@@ -303,6 +304,15 @@ void end_server(const RestoreDisks &disks, const DiskAttributes &disk)
 					  disk.name));
 }
 
+/* The driver gives the handle of a destroyed disk to the next one: one program removes at a time.
+ */
+File lock_removal()
+{
+	File lock("/run/zorvat-disks.lock", O_RDWR | O_CREAT);
+	lock.lock(LOCK_EX);
+	return lock;
+}
+
 } // namespace
 
 void serve(PointReader reader, const std::function<void(const std::string &)> &ready)
@@ -355,6 +365,7 @@ void unmount_point(const fs::path &directory)
 	if (!device.native().starts_with("/dev/zorvat-"))
 		throw Failure(FailureCode::usage,
 			      directory.native() + " has no restore disk mounted");
+	const File lock = lock_removal();
 	const RestoreDisks disks(open_netlink());
 	const auto all = disks.list();
 	const auto disk = std::ranges::find(all, device.filename().native(), &DiskAttributes::name);
@@ -368,6 +379,7 @@ std::vector<std::string> remove_dead_disks()
 {
 	std::vector<std::string> names;
 	const RestoreDisks disks(open_netlink());
+	const File lock = lock_removal();
 	for (const DiskAttributes &disk : disks.list()) {
 		if (can_have_server(disk))
 			continue;

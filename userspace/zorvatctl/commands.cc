@@ -8,6 +8,7 @@
 #include <unistd.h>
 #include <zorvat/sysfs.h>
 
+#include "../output.h"
 #include "render.h"
 
 using zorvat::Driver;
@@ -84,7 +85,7 @@ std::optional<bool> tracked_if_known(const Driver &driver, const Volume &volume)
 		return driver.backup_level(volume).tracked;
 	} catch (const zorvat::Error &error) {
 		if (error.code() != zorvat::Errc::not_permitted)
-			fmt::print(stderr, "zorvatctl: {}\n", error.what());
+			zorvat::tell_line(error.what());
 		return std::nullopt;
 	}
 }
@@ -393,16 +394,6 @@ std::unique_ptr<zorvat::Transport> open_transport(const Options &options)
 	if (options.ioctl)
 		return zorvat::open_control_device();
 	return zorvat::open_netlink();
-}
-
-void print(const std::string &output)
-{
-	if (std::fwrite(output.data(), 1, output.size(), stdout) != output.size() ||
-	    std::fflush(stdout) != 0)
-		throw zorvat::Error(
-			zorvat::Errc::system,
-			fmt::format("cannot write the output: {}", zorvat::error_text(errno)), {},
-			errno);
 }
 
 std::span<const Subcommand> subcommands()

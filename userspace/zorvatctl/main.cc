@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0
 /* zorvatctl: the command line, and the exit codes that scripts rely on. */
 #include <CLI/CLI.hpp>
-#include <cstdio>
 #include <fmt/format.h>
 #include <string_view>
 #include <zorvat/disk-server.h>
 
 #include "../exit-codes.h"
+#include "../output.h"
 #include "render.h"
 
 namespace
@@ -31,7 +31,7 @@ ExitCode exit_code(Errc code)
 
 ExitCode fail(ExitCode code, std::string_view message)
 {
-	fmt::print(stderr, "zorvatctl: {}\n", message);
+	tell_line(message);
 	return code;
 }
 

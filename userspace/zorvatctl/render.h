@@ -21,7 +21,4 @@ inline std::string dump(const Json &json)
 	return json.dump(2) + "\n";
 }
 
-/* On standard output, at once. Throws Error: a listing that was cut must not look complete. */
-void print(const std::string &output);
-
 #endif

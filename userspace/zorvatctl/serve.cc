@@ -9,6 +9,7 @@
 #include <thread>
 #include <zorvat/disk-server.h>
 
+#include "../output.h"
 #include "render.h"
 
 using zorvat::DiskServer;
@@ -39,14 +40,13 @@ public:
 		const auto now = server_.statistics();
 		const auto time = Clock::now();
 		const double seconds = std::chrono::duration<double>(time - last_time_).count();
-		fmt::print(stderr,
-			   "{}: {:.1f} MiB/s, {:.0f} requests/s; in all {:.1f} MiB in {} requests, "
-			   "{} failed{}\n",
-			   server_.disk().name, mib(now.bytes - last_.bytes) / seconds,
-			   static_cast<double>(now.requests - last_.requests) / seconds,
-			   mib(now.bytes), now.requests, now.errors,
-			   now.errors ? ", the last one: " + zorvat::error_text(now.last_error)
-				      : "");
+		zorvat::tell(fmt::format(
+			"{}: {:.1f} MiB/s, {:.0f} requests/s; in all {:.1f} MiB in {} requests, "
+			"{} failed{}\n",
+			server_.disk().name, mib(now.bytes - last_.bytes) / seconds,
+			static_cast<double>(now.requests - last_.requests) / seconds,
+			mib(now.bytes), now.requests, now.errors,
+			now.errors ? ", the last one: " + zorvat::error_text(now.last_error) : ""));
 		last_ = now;
 		last_time_ = time;
 	}
@@ -129,8 +129,7 @@ void wait_for_node(const DiskServer &server, const SignalThread &signals)
 	std::error_code ignored;
 	while (!std::filesystem::exists(server.node(), ignored) && !signals.told_to_stop()) {
 		if (Clock::now() >= end) {
-			fmt::print(stderr, "zorvatctl: {} has not appeared\n",
-				   server.node().native());
+			zorvat::tell_line(server.node().native() + " has not appeared");
 			return;
 		}
 		std::this_thread::sleep_for(10ms);
@@ -165,10 +164,10 @@ std::string serve(const Options &options)
 	server.resume();
 	wait_for_node(server, signals);
 	if (!signals.told_to_stop())
-		print(ready(options, server));
+		zorvat::print(ready(options, server));
 	server.wait();
 	server.stop();
 	if (!signals.told_to_stop())
-		fmt::print(stderr, "zorvatctl: {} was destroyed\n", server.disk().name);
+		zorvat::tell_line(server.disk().name + " was destroyed");
 	return "";
 }
