@@ -75,7 +75,7 @@ no_room_in_the_repository() {
 	zorvat backup vg/data --to "$repository" -q || status=$?
 	[ $status = 8 ]
 	zorvat verify "$repository" -q
-	rm $repository_disk/filler
+	rm $repository_disk/filler $repository_disk/most
 	back_up_and_keep_truth
 	zorvat list "$repository" | tail -n1 | grep incremental
 	restore_equals "$repository" /tmp/truth
@@ -285,6 +285,8 @@ sum_of() { # FILE
 }
 
 fill_repository_disk() {
+	local free=$(($(stat -f -c '%f * %S' $repository_disk)))
+	fallocate -l $((free - (8 << 20))) $repository_disk/most
 	dd if=/dev/zero of=$repository_disk/filler bs=64k 2>/dev/null || true
 }
 
