@@ -45,6 +45,8 @@ struct Machine {
 	int steps_left = 1 << 30;
 	bool fails_on_snapshot_read = false;
 	bool fails_to_remove_snapshot = false; // so it says
+	/* What somebody else does right after the snapshot. */
+	void (*meanwhile)(Machine &) = nullptr;
 	/* From the snapshot on, files cannot grow beyond this. */
 	uint64_t room = 0; // bytes; 0: without limit
 
@@ -170,6 +172,8 @@ public:
 		name.copy(machine_.snapshot.data(), machine_.snapshot.size() - 1);
 		/* Somebody writes on. */
 		machine_.write(machine_.switches * 7 % fake_blocks, 0xa5);
+		if (machine_.meanwhile)
+			machine_.meanwhile(machine_);
 		machine_.step();
 		if (machine_.fails_on_snapshot_read)
 			std::filesystem::resize_file(directory_ / "snapshot", block_bytes);
@@ -185,6 +189,10 @@ public:
 		machine_.snapshot = {};
 		if (machine_.fails_to_remove_snapshot)
 			throw Failure(FailureCode::failed, "the snapshot is in use");
+	}
+	bool has_overflowed(const LogicalVolume &, const std::string &) override
+	{
+		return false;
 	}
 	void settle(const std::string &) override
 	{

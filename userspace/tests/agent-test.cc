@@ -198,6 +198,60 @@ TEST_F(AgentTest, whatever_others_do_to_the_bitmap_leads_to_a_full_backup)
 }
 
 /* The driver counts the switches of the tracking that was begun anew from 0. */
+/* Also what is written between the snapshot and what they do. */
+TEST_F(AgentTest, whatever_others_do_after_the_snapshot_loses_nothing)
+{
+	struct {
+		const char *what;
+		void (*happens)(Machine &);
+		bool succeeds;
+	} const cases[] = {
+		{"a switch",
+		 [](Machine &machine) {
+			 machine.write(2, 1);
+			 machine.switch_bitmap();
+		 },
+		 true},
+		{"a switch and a clear",
+		 [](Machine &machine) {
+			 machine.write(4, 2);
+			 machine.switch_bitmap();
+			 machine.has_frozen = false;
+		 },
+		 true},
+		{"a reload",
+		 [](Machine &machine) {
+			 machine.write(6, 3);
+			 machine.identity++;
+			 machine.save_time = 0;
+			 machine.switches = 0;
+			 machine.has_frozen = false;
+			 machine.live.fill(false);
+		 },
+		 true},
+		{"a clear", [](Machine &machine) { machine.has_frozen = false; }, false},
+	};
+	back_up();
+	for (const auto &[what, happens, succeeds] : cases) {
+		const std::string last = Repository(repository_).find("").id;
+		machine_->write(10, what[2]);
+		machine_->meanwhile = happens;
+		if (succeeds) {
+			EXPECT_TRUE(back_up().point.is_full()) << what;
+			EXPECT_EQ(read_point(Repository(repository_), ""), truth()) << what;
+		} else {
+			EXPECT_THROW(back_up(), Failure) << what;
+			EXPECT_EQ(Repository(repository_).find("").id, last) << what;
+			EXPECT_EQ(machine_->snapshot[0], 0) << what;
+		}
+		machine_->meanwhile = nullptr;
+		EXPECT_TRUE(back_up().point.is_full()) << what;
+		EXPECT_EQ(read_point(Repository(repository_), ""), truth()) << what;
+		EXPECT_FALSE(back_up().point.is_full()) << what;
+		EXPECT_EQ(read_point(Repository(repository_), ""), truth()) << what;
+	}
+}
+
 TEST_F(AgentTest, a_full_backup_that_was_due_stays_due)
 {
 	std::minstd_rand random(4);
@@ -319,9 +373,14 @@ TEST_F(AgentTest, a_damaged_point_is_not_restored_and_not_built_upon)
 
 	const fs::path manifest = repository_ / "points" / (second.id + ".json");
 	fs::resize_file(manifest, fs::file_size(manifest) - 1);
-	EXPECT_EQ(back_up().point.reason, "the repository is damaged");
+	EXPECT_TRUE(back_up().point.is_full());
 	EXPECT_EQ(read_point(Repository(repository_), "3"), truth());
 	EXPECT_TRUE(fs::exists(repository_ / "data" / second.data.file));
+	EXPECT_FALSE(back_up().point.is_full()) << "the damage is no concern of the last point";
+	fs::remove(repository_ / "data" / Repository(repository_).find("3").data.file);
+	const auto last = back_up().point;
+	EXPECT_EQ(last.reason, "the last restore point is damaged");
+	EXPECT_EQ(read_point(Repository(repository_), last.id), truth());
 }
 
 TEST_F(AgentTest, restore_writes_and_reads_back)

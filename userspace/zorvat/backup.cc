@@ -11,6 +11,7 @@
 
 #include "../output.h"
 #include "block-runs.h"
+#include "point-reader.h"
 #include "volume-reader.h"
 
 namespace zorvat::agent
@@ -81,17 +82,9 @@ public:
 	       Progress &progress)
 	    : environment_(environment), request_(request), progress_(progress),
 	      volume_(find_volume()), volume_lock_(lock_volume()),
-	      repository_(Repository::open_or_create(request.repository, volume_.full_name(),
-						     volume_.uuid)),
-	      repository_lock_(repository_.lock_for_writing()),
-	      tracker_(environment.open_tracker(volume_.path))
+	      tracker_(environment.open_tracker(volume_.path)), repository_(open_repository()),
+	      repository_lock_(repository_.lock_for_writing())
 	{
-		if (repository_.volume_uuid() != volume_.uuid)
-			throw Failure(FailureCode::usage,
-				      fmt::format("{} holds backups of another volume, {}",
-						  repository_.directory().native(),
-						  repository_.volume_name()));
-		refuse_repository_on_volume();
 	}
 
 	BackupResult run();
@@ -99,32 +92,37 @@ public:
 private:
 	LogicalVolume find_volume() const;
 	File lock_volume() const;
+	Repository open_repository() const;
 	void refuse_repository_on_volume() const;
 	void look_at_history();
+	void check_chain();
 	void remove_old_snapshots();
 	void decide();
 	void break_chain(TrackerState &state);
 	void begin_attempt();
+	void doubt(const char *reason);
 	void note_changes(const std::vector<BlockRun> &changes);
 	void look_at_changes(const TrackerState &after);
 	DataSummary copy(const std::filesystem::path &path);
 	Manifest make_manifest(const DataSummary &data) const;
-	void forget_changes();
+	bool forget_changes(const Manifest &manifest);
 
 	const BackupEnvironment &environment_;
 	const BackupRequest &request_;
 	Progress &progress_;
 	LogicalVolume volume_;
 	File volume_lock_;
+	std::unique_ptr<ChangeTracker> tracker_;
 	Repository repository_;
 	File repository_lock_;
-	std::unique_ptr<ChangeTracker> tracker_;
 
 	std::optional<Manifest> last_;
 	std::optional<Attempt> old_attempt_;
 	std::string reason_; // for a full backup; empty: incremental
 	Attempt attempt_;
 	TrackerState after_; // the snapshot
+	/* Whether the driver's bitmaps will hold all that is written after the snapshot. */
+	bool can_be_built_upon_ = true;
 	std::vector<BlockRun> runs_;
 	int64_t time_ = 0;
 	uint64_t number_ = 0;
@@ -151,15 +149,31 @@ File Backup::lock_volume() const
 	return lock;
 }
 
+Repository Backup::open_repository() const
+{
+	refuse_repository_on_volume();
+	Repository repository =
+		Repository::open_or_create(request_.repository, volume_.full_name(), volume_.uuid);
+	if (repository.volume_uuid() != volume_.uuid)
+		throw Failure(FailureCode::usage,
+			      fmt::format("{} holds backups of another volume, {}",
+					  repository.directory().native(),
+					  repository.volume_name()));
+	return repository;
+}
+
 /* It would be lost with the volume, and each backup would be a change to back up. */
 void Backup::refuse_repository_on_volume() const
 {
+	std::error_code error;
+	std::filesystem::path place = std::filesystem::absolute(request_.repository);
+	while (!std::filesystem::exists(place, error) && place.has_relative_path())
+		place = place.parent_path();
 	struct stat volume, directory;
-	if (stat(volume_.path.c_str(), &volume) == 0 &&
-	    stat(repository_.directory().c_str(), &directory) == 0 &&
+	if (stat(volume_.path.c_str(), &volume) == 0 && stat(place.c_str(), &directory) == 0 &&
 	    volume.st_rdev == directory.st_dev)
 		throw Failure(FailureCode::usage,
-			      fmt::format("{} lies on {} itself", repository_.directory().native(),
+			      fmt::format("{} lies on {} itself", request_.repository.native(),
 					  volume_.full_name()));
 }
 
@@ -168,18 +182,27 @@ void Backup::look_at_history()
 {
 	std::vector<std::string> problems;
 	const auto points = repository_.points(problems);
-	for (const std::string &problem : problems) {
+	for (const std::string &problem : problems)
 		progress_.note(problem);
-		reason_ = "the repository is damaged";
-	}
-	if (!points.empty())
+	if (!points.empty()) {
 		last_ = points.back();
+		check_chain();
+	}
 	try {
 		old_attempt_ = repository_.attempt();
 	} catch (const Failure &failure) {
 		progress_.note(failure.what());
 		reason_ = "the repository is damaged";
 	}
+}
+
+/* An increment is worth what it builds upon. */
+void Backup::check_chain()
+try {
+	PointReader(repository_, last_->id);
+} catch (const Failure &failure) {
+	progress_.note(failure.what());
+	reason_ = "the last restore point is damaged";
 }
 
 /* With an attempt's snapshot goes the only proof that the switch was the attempt's: it is noted
@@ -261,23 +284,28 @@ void Backup::note_changes(const std::vector<BlockRun> &changes)
 	}
 }
 
+/* Whoever switched may also have cleared, what was written after the snapshot included. */
+void Backup::doubt(const char *reason)
+{
+	reason_ = reason;
+	can_be_built_upon_ = false;
+	attempt_.point.clear();
+	break_chain(after_);
+}
+
 void Backup::look_at_changes(const TrackerState &after)
 {
 	after_ = after;
 	const bool switched = after.tracked && after.identity == attempt_.before.identity &&
 			      after.switch_count == attempt_.before.switch_count + 1;
 	if (!switched) {
-		reason_ = "the driver did not switch its bitmap once, at the snapshot";
-		attempt_.point.clear();
-		break_chain(after_);
+		doubt("the driver did not switch its bitmap once, at the snapshot");
 	}
 	std::vector<BlockRun> changes;
 	if (!attempt_.point.empty()) {
 		changes = union_of(runs_of(tracker_->changes(), volume_.size), attempt_.changes);
 		if (tracker_->state().switch_count != after.switch_count) {
-			reason_ = "somebody else switched the bitmap";
-			attempt_.point.clear();
-			break_chain(after_);
+			doubt("somebody else switched the bitmap");
 		}
 	}
 	attempt_.switch_count = after.switch_count;
@@ -285,8 +313,9 @@ void Backup::look_at_changes(const TrackerState &after)
 	runs_ = reason_.empty() ? std::move(changes) : all_blocks(volume_.size);
 }
 
+/* What a snapshot has no room for any more cannot be read. */
 DataSummary Backup::copy(const std::filesystem::path &path)
-{
+try {
 	const uint64_t size = File(path, O_RDONLY).size();
 	if (size != volume_.size)
 		throw Failure(FailureCode::failed,
@@ -305,10 +334,19 @@ DataSummary Backup::copy(const std::filesystem::path &path)
 	DataSummary summary = writer.finish();
 	progress_.end();
 	return summary;
+} catch (const Failure &failure) {
+	if (failure.error_number() != EIO ||
+	    !environment_.snapshots.has_overflowed(volume_, attempt_.snapshot))
+		throw;
+	throw Failure(FailureCode::no_space,
+		      fmt::format("the snapshot overflowed: while it was copied, more was written "
+				  "to {} than it had room for; --snapshot-size gives it more",
+				  volume_.full_name()));
 }
 
 Manifest Backup::make_manifest(const DataSummary &data) const
 {
+	const uint64_t save_time = new_save_time(after_.save_time);
 	return {.number = number_,
 		.id = fmt::format("{}-{:%Y%m%dT%H%M%SZ}", number_, fmt::gmtime(time_)),
 		.parent = reason_.empty() ? last_->id : "",
@@ -321,26 +359,43 @@ Manifest Backup::make_manifest(const DataSummary &data) const
 		.changed_bytes = bytes_of_runs(runs_, volume_.size),
 		.driver = {.identity = after_.identity,
 			   .switch_count = after_.switch_count,
-			   .save_time = new_save_time(after_.save_time),
-			   .save_time_before = after_.save_time}};
+			   .save_time = save_time,
+			   .save_time_before = can_be_built_upon_ ? after_.save_time : save_time}};
 }
 
-/* The frozen bitmap goes if it still is that of our snapshot. */
-void Backup::forget_changes()
+/*
+ * The frozen bitmap goes if it still is that of our snapshot. Returns false if it was gone: then
+ * the changes that were copied may not have been all, and the point is gone as well.
+ */
+bool Backup::forget_changes(const Manifest &manifest)
 {
 	const bool switched = after_.switch_count == attempt_.before.switch_count + 1;
 	if (!after_.tracked || !switched || tracker_->state().switch_count != after_.switch_count) {
 		progress_.note(
 			"the driver's changes are kept: they may be more than was backed up");
-		return;
+		return true;
 	}
-	tracker_->clear();
+	bool was_there = true;
+	try {
+		tracker_->clear();
+	} catch (const Error &error) {
+		if (error.code() != Errc::refused)
+			throw;
+		was_there = false;
+	}
 	TrackerState now = tracker_->state();
+	if (!was_there && !manifest.is_full()) {
+		break_chain(now);
+		repository_.remove_manifest(manifest.id);
+		repository_.remove_leftovers();
+		return false;
+	}
 	if (now.switch_count == after_.switch_count)
-		return;
+		return true;
 	break_chain(now); // changes may have been dropped with the bitmap
 	progress_.note(
 		"somebody else switched the bitmap meanwhile: the next backup is a full one");
+	return true;
 }
 
 BackupResult Backup::run()
@@ -360,11 +415,13 @@ BackupResult Backup::run()
 
 	const Manifest manifest = make_manifest(copy(snapshot.path()));
 	repository_.commit(manifest);
+	bool is_complete = true;
 	try {
 		/* First the save time: whoever relies on the changes that are cleared must notice.
 		 */
-		tracker_->set_save_time(manifest.driver.save_time);
-		forget_changes();
+		if (can_be_built_upon_)
+			tracker_->set_save_time(manifest.driver.save_time);
+		is_complete = forget_changes(manifest);
 		snapshot.remove();
 		repository_.remove_attempt();
 	} catch (const std::exception &) {
@@ -372,6 +429,10 @@ BackupResult Backup::run()
 			  " is complete; what failed is the work after it");
 		throw;
 	}
+	if (!is_complete)
+		throw Failure(FailureCode::failed,
+			      "somebody else cleared the bitmap meanwhile: what was copied may "
+			      "lack changes and was dropped; the next backup is a full one");
 
 	const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
 	return {manifest, seconds.count()};
@@ -394,7 +455,7 @@ std::string why_full(const TrackerState &state, uint64_t size, const Manifest *l
 		return "the driver knows the volume anew, as after a reboot or a reload";
 	if (state.save_time != last->driver.save_time &&
 	    state.save_time != last->driver.save_time_before)
-		return "another backup of the volume was made since the last one";
+		return "another backup of the volume was begun since the last one";
 	const uint64_t expected = last->driver.switch_count;
 	if (!attempt && state.switch_count != expected)
 		return fmt::format("the bitmap was switched {} times instead of {}",

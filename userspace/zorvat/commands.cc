@@ -55,7 +55,8 @@ void remove_leftovers_of_servers(Progress &progress)
 			progress.note("removed the restore disk " + name +
 				      ", whose server is gone");
 	} catch (const Error &error) {
-		progress.note(error.what());
+		if (error.code() != Errc::driver_not_loaded)
+			progress.note(error.what());
 	}
 }
 

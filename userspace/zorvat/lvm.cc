@@ -56,7 +56,14 @@ uint64_t number_in(const Json &json)
 std::string default_size(const LogicalVolume &volume)
 {
 	const uint64_t wanted = std::max(volume.size / default_share, least_snapshot);
-	return fmt::format("{}m", std::min(wanted, volume.free_in_group) >> 20);
+	const uint64_t mib = std::min(wanted, volume.free_in_group) >> 20;
+	if (mib == 0)
+		throw Failure(
+			FailureCode::no_space,
+			fmt::format("the volume group {} has no free extents, which a snapshot "
+				    "needs: remove a volume or add a disk with 'vgextend'",
+				    volume.group));
+	return fmt::format("{}m", mib);
 }
 
 /* Whether a process has the word in its command line: names of snapshots are unique. */
@@ -78,6 +85,11 @@ class Lvm final : public SnapshotManager
 public:
 	LogicalVolume find(const std::string &name) override
 	{
+		/* Of a group alone, LVM would name the volume if there happens to be but one. */
+		if (name.find('/') == std::string::npos)
+			throw Failure(FailureCode::usage,
+				      "'" + name +
+					      "' is no logical volume: name it as group/volume");
 		Json volumes;
 		try {
 			volumes = report("vg_name,lv_name,lv_uuid,lv_size,vg_free,lv_path,lv_attr",
@@ -132,6 +144,15 @@ public:
 		run_program({"lvm", "lvremove", "--quiet", "--force", volume.group + "/" + name});
 	}
 
+	bool has_overflowed(const LogicalVolume &volume, const std::string &name) override
+	{
+		const Json snapshots = report("lv_attr", volume.group + "/" + name);
+		const auto attributes = snapshots.at(0).at("lv_attr").get<std::string>();
+		return attributes.size() > state_attribute &&
+		       std::string_view("IS").find(attributes[state_attribute]) !=
+			       std::string_view::npos;
+	}
+
 	/* A tool that waits for something for so long is not waited for. */
 	void settle(const std::string &name) override
 	{
@@ -142,10 +163,12 @@ public:
 	}
 
 private:
-	/* The first letter is the volume's type, the fifth its state. */
+	/* Of the letters of lv_attr, the first is the volume's type, the fifth its state. */
+	static constexpr size_t state_attribute = 4;
+
 	static void check_attributes(const std::string &name, const std::string &attributes)
 	{
-		if (attributes.size() < 5 || attributes[4] != 'a')
+		if (attributes.size() <= state_attribute || attributes[state_attribute] != 'a')
 			throw Failure(FailureCode::usage,
 				      name + " is not active: activate it with 'lvchange -ay'");
 		if (std::string_view("VtTsSd").find(attributes[0]) != std::string_view::npos)

@@ -48,6 +48,8 @@ public:
 	virtual std::filesystem::path create(const LogicalVolume &volume, const std::string &name,
 					     const std::string &size) = 0;
 	virtual void remove(const LogicalVolume &volume, const std::string &name) = 0;
+	/* Whether more was written to the volume than the snapshot has room for. */
+	virtual bool has_overflowed(const LogicalVolume &volume, const std::string &name) = 0;
 	/* Returns when no tool that an agent started, and died, is busy with the snapshot. */
 	virtual void settle(const std::string &name) = 0;
 };
