@@ -8,6 +8,7 @@ cases() {
 	echo every_point_is_its_snapshot "${rounds:-1}"
 	echo killed_at_random "${rounds:-1}"
 	echo no_room_in_the_repository
+	echo an_overflowing_snapshot_is_named
 	echo a_flipped_byte_is_found
 	echo tells_why_it_is_full
 	for type in ext4 xfs; do
@@ -52,10 +53,14 @@ killed_at_random() { # ROUNDS
 	use_busy_volume
 	zorvat backup vg/data --to "$repository" -q
 	for round in $(seq "$1"); do
+		# At any moment of a backup, as long as one takes here.
+		local before=$(milliseconds)
+		zorvat backup vg/data --to "$repository" -q
+		local duration=$(($(milliseconds) - before))
 		for kill in $(seq $((1 + $(random) % 3))); do
 			zorvat backup vg/data --to "$repository" -q >/tmp/killed 2>&1 &
 			agent=$!
-			usleep $(($(random) % 4000000))
+			usleep $(($(random) % (duration + 1) * 1000))
 			kill -9 $agent || true
 			wait $agent || true
 		done
@@ -78,6 +83,25 @@ no_room_in_the_repository() {
 	rm $repository_disk/filler $repository_disk/most
 	back_up_and_keep_truth
 	zorvat list "$repository" | tail -n1 | grep incremental
+	restore_equals "$repository" /tmp/truth
+	nothing_is_left
+}
+
+an_overflowing_snapshot_is_named() {
+	use_busy_volume
+	zorvat backup vg/data --to "$repository" -q
+	stale=
+	zorvat backup vg/data --to "$repository" -q --full --snapshot-size 4m 2>/tmp/told &
+	agent=$!
+	until snapshot_is_noted || ! kill -0 $agent; do :; done
+	kill -STOP $agent
+	dd if=/dev/urandom of=/mnt/more bs=1M count=8 conv=fsync
+	kill -CONT $agent
+	local status=0
+	wait $agent || status=$?
+	[ $status = 8 ]
+	grep "the snapshot overflowed" /tmp/told
+	back_up_and_keep_truth
 	restore_equals "$repository" /tmp/truth
 	nothing_is_left
 }
@@ -299,6 +323,7 @@ nothing_is_left() {
 	fails ls /dev/vg/ZKR_snapshot*
 	nothing_serves
 	[ ! -e "$repository/attempt.json" ]
+	fails ls "$repository"/*.tmp
 	fails ls "$repository"/*/*.tmp
 }
 
@@ -320,6 +345,10 @@ die_and_reuse_number() { # PROCESS
 		other=$!
 		defer "kill $other; wait $other || true"
 	done
+}
+
+milliseconds() {
+	awk '{ print int($1 * 1000) }' /proc/uptime
 }
 
 random() {

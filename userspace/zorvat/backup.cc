@@ -183,7 +183,7 @@ void Backup::look_at_history()
 	std::vector<std::string> problems;
 	const auto points = repository_.points(problems);
 	for (const std::string &problem : problems)
-		progress_.note(problem);
+		progress_.warn(problem);
 	if (!points.empty()) {
 		last_ = points.back();
 		check_chain();
@@ -191,7 +191,7 @@ void Backup::look_at_history()
 	try {
 		old_attempt_ = repository_.attempt();
 	} catch (const Failure &failure) {
-		progress_.note(failure.what());
+		progress_.warn(failure.what());
 		reason_ = "the repository is damaged";
 	}
 }
@@ -201,7 +201,7 @@ void Backup::check_chain()
 try {
 	PointReader(repository_, last_->id);
 } catch (const Failure &failure) {
-	progress_.note(failure.what());
+	progress_.warn(failure.what());
 	reason_ = "the last restore point is damaged";
 }
 
@@ -371,7 +371,7 @@ bool Backup::forget_changes(const Manifest &manifest)
 {
 	const bool switched = after_.switch_count == attempt_.before.switch_count + 1;
 	if (!after_.tracked || !switched || tracker_->state().switch_count != after_.switch_count) {
-		progress_.note(
+		progress_.warn(
 			"the driver's changes are kept: they may be more than was backed up");
 		return true;
 	}
@@ -393,7 +393,7 @@ bool Backup::forget_changes(const Manifest &manifest)
 	if (now.switch_count == after_.switch_count)
 		return true;
 	break_chain(now); // changes may have been dropped with the bitmap
-	progress_.note(
+	progress_.warn(
 		"somebody else switched the bitmap meanwhile: the next backup is a full one");
 	return true;
 }

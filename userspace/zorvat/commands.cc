@@ -56,7 +56,7 @@ void remove_leftovers_of_servers(Progress &progress)
 				      ", whose server is gone");
 	} catch (const Error &error) {
 		if (error.code() != Errc::driver_not_loaded)
-			progress.note(error.what());
+			progress.warn(error.what());
 	}
 }
 

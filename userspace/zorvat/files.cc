@@ -36,9 +36,11 @@ std::string seal(const std::string &content)
 
 File open_aside(const fs::path &path, NewFile::Place place)
 {
-	if (place == NewFile::own_directory)
-		return File(path.native() + std::string(temporary_suffix),
-			    O_RDWR | O_CREAT | O_TRUNC);
+	if (place == NewFile::own_directory) {
+		const fs::path aside = path.native() + std::string(temporary_suffix);
+		remove_file(aside); // an interrupted run's, or a link that somebody has laid
+		return File(aside, O_RDWR | O_CREAT | O_EXCL);
+	}
 	std::random_device device;
 	return File(fmt::format("{}.{:08x}{:08x}{}", path.native(), device(), device(),
 				temporary_suffix),
@@ -57,11 +59,16 @@ std::string text_of(const Json &content)
 	}
 }
 
-/* A manifest's size is no limit to what can be read, but a directory or a device is no manifest. */
+/* Records have some hundred bytes, but for an attempt's with the changes of a large volume. */
+constexpr uint64_t max_record_bytes = uint64_t{256} << 20;
+
 std::string read_text(const fs::path &path)
 {
-	const File file(path, O_RDONLY);
-	std::string text(file.size(), '\0');
+	const File file(path, O_RDONLY | O_NONBLOCK); // of a pipe, the size tells
+	const uint64_t size = file.size();
+	if (size > max_record_bytes)
+		throw damaged(path.native(), "it is too long");
+	std::string text(size, '\0');
 	file.read(0, std::as_writable_bytes(std::span(text)));
 	return text;
 }

@@ -66,7 +66,9 @@ std::string problem_with_number(const std::string &text)
 std::string problem_with_size(const std::string &text)
 {
 	static const std::regex size("[0-9]+([.][0-9]+)?([bskmgtpe](i?b)?)?", std::regex::icase);
-	return std::regex_match(text, size) ? "" : "'" + text + "' is no size, as 10g is one";
+	return text.size() < 32 && std::regex_match(text, size)
+		       ? ""
+		       : "'" + text + "' is no size, as 10g is one";
 }
 
 /* Else it would be the current directory. */

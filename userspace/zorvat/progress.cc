@@ -56,10 +56,11 @@ std::string human_seconds(double seconds)
 
 void heed_signals()
 {
-	struct sigaction action = {};
+	struct sigaction action = {}, before;
 	action.sa_handler = take_signal;
 	for (int signal : {SIGINT, SIGTERM, SIGHUP})
-		sigaction(signal, &action, nullptr);
+		if (sigaction(signal, nullptr, &before) == 0 && before.sa_handler != SIG_IGN)
+			sigaction(signal, &action, nullptr);
 	std::signal(SIGPIPE, SIG_IGN); // NOLINT(bugprone-signal-handler): nothing is run
 }
 
@@ -71,7 +72,12 @@ Progress::Style Progress::style_for_standard_error()
 void Progress::note(const std::string &text)
 {
 	if (style_ != silent)
-		tell((style_ == terminal ? "\r\033[K" : "") + text + "\n");
+		warn(text);
+}
+
+void Progress::warn(const std::string &text)
+{
+	tell((style_ == terminal ? "\r\033[K" : "") + text + "\n");
 }
 
 void Progress::begin(const std::string &stage, uint64_t total)

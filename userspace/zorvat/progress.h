@@ -13,7 +13,10 @@ namespace zorvat::agent
 std::string human_bytes(uint64_t bytes);
 std::string human_seconds(double seconds);
 
-/* From here on SIGINT, SIGTERM and SIGHUP end the work at the next call of Progress. */
+/*
+ * From here on SIGINT, SIGTERM and SIGHUP end the work at the next call of Progress. What is
+ * ignored, as by nohup, stays so.
+ */
 void heed_signals();
 
 class Progress
@@ -31,8 +34,9 @@ public:
 	{
 	}
 
-	/* A line for people. */
+	/* A line for people; what they should know even if they asked for silence. */
 	void note(const std::string &text);
+	void warn(const std::string &text);
 	/* A stage with so many bytes to do; ends the one before. */
 	void begin(const std::string &stage, uint64_t total);
 	/* Throws Failure(interrupted). */

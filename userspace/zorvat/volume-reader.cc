@@ -16,7 +16,6 @@ namespace
 {
 
 constexpr size_t page_bytes = 4096;
-constexpr size_t sector_bytes = 512;
 
 File open_directly(const std::filesystem::path &path, bool &direct)
 {
@@ -45,13 +44,15 @@ DirectFile::DirectFile(const std::filesystem::path &path) : file_(open_directly(
 {
 }
 
-/* A file's end that is not a sector's is out of reach for direct reads. */
+/* An end that is not a sector's, of whatever size those are, is out of reach for direct reads. */
 void DirectFile::read(uint64_t offset, std::span<std::byte> to)
-{
-	if (direct_ && to.size() % sector_bytes != 0) {
-		file_ = File(file_.path(), O_RDONLY);
-		direct_ = false;
-	}
+try {
+	file_.read(offset, to);
+} catch (const Failure &failure) {
+	if (!direct_ || failure.error_number() != EINVAL)
+		throw;
+	file_ = File(file_.path(), O_RDONLY);
+	direct_ = false;
 	file_.read(offset, to);
 }
 
