@@ -310,7 +310,7 @@ sum_of() { # FILE
 
 fill_repository_disk() {
 	local free=$(($(stat -f -c '%f * %S' $repository_disk)))
-	fallocate -l $((free - (8 << 20))) $repository_disk/most
+	fallocate -l $((free - (64 << 20))) $repository_disk/most
 	dd if=/dev/zero of=$repository_disk/filler bs=64k 2>/dev/null || true
 }
 
