@@ -81,8 +81,10 @@ public:
 	       Progress &progress)
 	    : environment_(environment), request_(request), progress_(progress),
 	      volume_(find_volume()), volume_lock_(lock_volume()),
-	      repository_(Repository::open_or_create(request.repository, volume_.full_name(),
-						     volume_.uuid)),
+	      repository_(request.existing
+				  ? Repository(request.repository)
+				  : Repository::open_or_create(request.repository,
+							       volume_.full_name(), volume_.uuid)),
 	      repository_lock_(repository_.lock_for_writing()),
 	      tracker_(environment.open_tracker(volume_.path))
 	{
