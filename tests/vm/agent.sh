@@ -155,6 +155,22 @@ mounts_an_older_point() { # TYPE
 	zorvat umount "$old"
 	zorvat umount /tmp/new
 	nothing_serves
+	# Its server stays for whoever has it, and no longer, however it is unmounted.
+	zorvat mount "$repository" /tmp/new
+	mkdir -p /tmp/bound
+	mount --bind /tmp/new /tmp/bound
+	zorvat umount /tmp/new
+	exec 8</tmp/bound/note
+	umount -l /tmp/bound
+	sleep 1
+	pidof zorvat
+	exec 8<&-
+	eventually 10 fails pidof zorvat
+	nothing_serves
+	zorvat mount "$repository" /tmp/new
+	umount /tmp/new
+	eventually 10 fails pidof zorvat
+	nothing_serves
 	for failing in 'umount /tmp/new' "mount $repository@9 /tmp/new"; do
 		status=0
 		zorvat $failing || status=$?
@@ -206,6 +222,12 @@ refuses_targets_in_use() {
 	[ $status = 6 ]
 	status=0
 	zorvat restore "$repository" --to /dev/vdc -q || status=$?
+	[ $status = 6 ]
+	use_virtio
+	make_partitions
+	start_tracking $disk
+	status=0
+	zorvat restore "$repository" --to ${partition}1 -q || status=$?
 	[ $status = 6 ]
 	lvm lvcreate -q -y -n spare -L 8m vg
 	status=0

@@ -219,7 +219,7 @@ protected:
 		munmap(machine_, sizeof(Machine));
 	}
 
-	BackupResult back_up(bool full = false)
+	BackupResult back_up(bool full = false, bool existing = false)
 	{
 		Progress progress(Progress::silent);
 		FakeSnapshots snapshots(*machine_, directory_);
@@ -234,6 +234,7 @@ protected:
 				       .repository = repository_,
 				       .snapshot_size = {},
 				       .full = full,
+				       .existing = existing,
 				       .compression = 1},
 				      progress);
 	}

@@ -133,6 +133,17 @@ TEST_F(AgentProgramTest, restores_to_files_and_touches_nothing_beside_them)
 	EXPECT_EQ(text_of(room / "new"), content);
 	fs::remove(room / "new");
 	EXPECT_EQ(names_in(room), all);
+	try {
+		NewFile late(room / "late", NewFile::shared_directory);
+		write_text(room / "late", "made meanwhile");
+		late.commit(NewFile::keep);
+		ADD_FAILURE();
+	} catch (const Failure &failure) {
+		EXPECT_EQ(failure.code(), FailureCode::busy);
+	}
+	EXPECT_EQ(text_of(room / "late"), "made meanwhile");
+	fs::remove(room / "late");
+	EXPECT_EQ(names_in(room), all);
 	EXPECT_EQ(text_of(room / "precious"), "precious");
 }
 
@@ -153,6 +164,8 @@ TEST_F(AgentProgramTest, exits_as_its_page_says)
 		{"", 2},
 		{"list ''", 2},
 		{"list repository@1", 2},
+		{"show repository@", 2},
+		{"restore repository@ --to copy", 2},
 		{"verify repository@1", 2},
 		{"forget repository", 2},
 		{"forget repository@1 --keep-last 1", 2},

@@ -106,9 +106,11 @@ TEST_F(AgentTest, points_are_the_snapshots_they_were_made_from)
 {
 	std::minstd_rand random(1);
 	std::vector<std::vector<char>> truths;
+	EXPECT_THROW(back_up(false, true), Failure);
+	EXPECT_FALSE(fs::exists(repository_)) << "made, though it was to be there";
 	for (int round = 0; round < 12; round++) {
 		write_some(random);
-		const auto result = back_up(round == 7);
+		const auto result = back_up(round == 7, round > 0);
 		EXPECT_EQ(result.point.is_full(), round == 0 || round == 7);
 		truths.push_back(truth());
 	}

@@ -82,8 +82,17 @@ public:
 	       Progress &progress)
 	    : environment_(environment), request_(request), progress_(progress),
 	      volume_(find_volume()), volume_lock_(lock_volume()),
+<<<<<<< HEAD
 	      tracker_(environment.open_tracker(volume_.path)), repository_(open_repository()),
 	      repository_lock_(repository_.lock_for_writing())
+=======
+	      repository_(request.existing
+				  ? Repository(request.repository)
+				  : Repository::open_or_create(request.repository,
+							       volume_.full_name(), volume_.uuid)),
+	      repository_lock_(repository_.lock_for_writing()),
+	      tracker_(environment.open_tracker(volume_.path))
+>>>>>>> fix-b
 	{
 	}
 

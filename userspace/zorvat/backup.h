@@ -33,6 +33,7 @@ struct BackupRequest {
 	std::filesystem::path repository;
 	std::string snapshot_size; // as LVM takes it, or empty
 	bool full = false;
+	bool existing = false; // Failure(not_found) if there is no repository yet
 	int compression = default_compression;
 };
 

@@ -80,7 +80,7 @@ _zorvat()
 	local options="--help --json --quiet"
 	case $subcommand in
 	'') options+=" --version" ;;
-	backup) options+=" --to --full --snapshot-size --compression" ;;
+	backup) options+=" --to --full --existing --snapshot-size --compression" ;;
 	restore) options+=" --to --force --no-verify" ;;
 	mount) options+=" --type --options" ;;
 	forget) options+=" --keep-last --keep-daily --keep-weekly --keep-monthly --dry-run" ;;

@@ -47,6 +47,24 @@ File open_aside(const fs::path &path, NewFile::Place place)
 		    O_RDWR | O_CREAT | O_EXCL);
 }
 
+int rename_over(const fs::path &from, const fs::path &to)
+{
+	return rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+}
+
+/* EEXIST: there is one. Not all kernels and file systems can do it in one step. */
+int rename_beside(const fs::path &from, const fs::path &to)
+{
+	if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
+		return 0;
+	if (errno != ENOSYS && errno != EINVAL)
+		return errno;
+	if (link(from.c_str(), to.c_str()) == 0)
+		return unlink(from.c_str()) == 0 ? 0 : errno;
+	std::error_code ignored;
+	return errno == EEXIST || fs::exists(to, ignored) ? EEXIST : rename_over(from, to);
+}
+
 /* All text of a repository is UTF-8. */
 std::string text_of(const Json &content)
 {
@@ -167,11 +185,15 @@ NewFile::~NewFile()
 		unlink(file_.path().c_str());
 }
 
-void NewFile::commit()
+void NewFile::commit(Existing existing)
 {
 	file_.flush();
-	if (rename(file_.path().c_str(), path_.c_str()) != 0)
-		throw system_failure("cannot rename " + file_.path().native(), errno);
+	const int number = existing == keep ? rename_beside(file_.path(), path_)
+					    : rename_over(file_.path(), path_);
+	if (number == EEXIST)
+		throw Failure(FailureCode::busy, path_.native() + " was made by somebody else meanwhile", number);
+	if (number != 0)
+		throw system_failure("cannot rename " + file_.path().native(), number);
 	committed_ = true;
 	flush_directory(path_.parent_path());
 }

@@ -99,8 +99,12 @@ public:
 	{
 		return file_;
 	}
-	/* Flushes, renames over what has the name, and flushes the directory. */
-	void commit();
+	enum Existing {
+		replace,
+		keep // Failure(busy) if somebody else has made a file of that name
+	};
+	/* Flushes the file, gives it its name, and flushes the directory. */
+	void commit(Existing existing = replace);
 
 private:
 	fs::path path_;

@@ -85,6 +85,7 @@ void add_backup_options(CLI::App &app, Options &options)
 		->required()
 		->check(problem_with_name);
 	app.add_flag("--full", options.backup.full, "copy all of the volume");
+	app.add_flag("--existing", options.backup.existing, "fail if there is no repository yet");
 	app.add_option("--snapshot-size", options.backup.snapshot_size,
 		       "room for what is written meanwhile, as lvcreate takes it")
 		->check(problem_with_size);

@@ -178,6 +178,8 @@ PointName PointName::parse(const std::string &text)
 	if (at == std::string::npos || text.find('/', at) != std::string::npos ||
 	    fs::is_directory(text, ignored))
 		return {text, ""};
+	if (at + 1 == text.size())
+		throw Failure(FailureCode::usage, "no point is named after the '@' of " + text);
 	return {text.substr(0, at), text.substr(at + 1)};
 }
 

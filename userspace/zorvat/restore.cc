@@ -19,11 +19,17 @@ namespace zorvat::agent
 namespace
 {
 
-/* Whether the driver tracks the device. One that is not loaded tracks nothing. */
+/*
+ * Whether the driver tracks the device, or the disk that it is a partition of. One that is not
+ * loaded tracks nothing.
+ */
 bool is_tracked(const fs::path &device)
 {
 	try {
-		return open_tracker(device)->state().tracked;
+		const std::string disk = resolve_volume(device).whole_disk;
+		return open_tracker(disk.empty() ? device.native() : "/dev/" + disk)
+			->state()
+			.tracked;
 	} catch (const Error &error) {
 		if (error.code() == Errc::driver_not_loaded || error.code() == Errc::unknown_volume)
 			return false;
@@ -35,9 +41,9 @@ bool is_tracked(const fs::path &device)
 File open_device(const RestoreRequest &request)
 {
 	if (!request.force && is_tracked(request.target))
-		throw Failure(FailureCode::busy,
-			      request.target.native() +
-				      " is tracked: all of it would count as changed (--force)");
+		throw Failure(FailureCode::busy, request.target.native() +
+							 " is tracked: all that is restored would "
+							 "count as changed (--force)");
 	const int exclusively = request.force ? 0 : O_EXCL;
 	try {
 		return File(request.target, O_RDWR | exclusively);
@@ -82,7 +88,9 @@ fs::path path_of_file(const RestoreRequest &request)
 	fs::path path = fs::weakly_canonical(fs::absolute(request.target));
 	/* A name with a typing error: a file of that size would fill the memory. */
 	if (path.native().starts_with("/dev/"))
-		throw Failure(FailureCode::usage, "there is no device " + path.native());
+		throw Failure(FailureCode::usage,
+			      path.native() + " is no device, and no file is made in /dev: name "
+					      "another place");
 	if (!path.has_filename() || !fs::is_directory(path.parent_path()))
 		throw unusable(request, "is in no directory");
 	if (is_in_repository(path))
@@ -106,9 +114,11 @@ public:
 							   device_.size(), size));
 			return;
 		}
-		path_ = path_of_file(request);
-		refuse_to_overwrite();
-		new_file_.emplace(path_, NewFile::shared_directory);
+		const fs::path path = path_of_file(request);
+		if (!request.force && fs::exists(path))
+			throw Failure(FailureCode::busy,
+				      request.target.native() + " exists (--force)");
+		new_file_.emplace(path, NewFile::shared_directory);
 		if (ftruncate(file().get(), static_cast<off_t>(size)) != 0)
 			throw system_failure("cannot make " + request.target.native() +
 						     " as long as the volume",
@@ -136,22 +146,12 @@ public:
 	}
 	void complete()
 	{
-		if (!new_file_)
-			return;
-		refuse_to_overwrite(); // somebody may have made one meanwhile
-		new_file_->commit();
+		if (new_file_)
+			new_file_->commit(request_.force ? NewFile::replace : NewFile::keep);
 	}
 
 private:
-	void refuse_to_overwrite() const
-	{
-		if (!request_.force && fs::exists(path_))
-			throw Failure(FailureCode::busy,
-				      request_.target.native() + " exists (--force)");
-	}
-
 	const RestoreRequest &request_;
-	fs::path path_; // of the file
 	File device_;
 	std::optional<NewFile> new_file_;
 };

@@ -9,9 +9,11 @@
 #include <fmt/format.h>
 #include <iterator>
 #include <libmount/libmount.h>
+#include <optional>
 #include <poll.h>
 #include <pthread.h>
 #include <sstream>
+#include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <thread>
@@ -91,11 +93,20 @@ void wait_for_node(const DiskServer &server)
 		throw Failure(FailureCode::failed, server.node().native() + " has not appeared");
 }
 
+using MountTable = std::unique_ptr<libmnt_table, decltype(&mnt_unref_table)>;
+
+constexpr const char *mount_table_path = "/proc/self/mountinfo";
+
+/* Null: it cannot be read. */
+MountTable read_mount_table()
+{
+	return {mnt_new_table_from_file(mount_table_path), mnt_unref_table};
+}
+
 /* What is mounted on the directory now, on top of all else; empty: nothing. */
 fs::path device_mounted_on(const fs::path &directory)
 {
-	const std::unique_ptr<libmnt_table, decltype(&mnt_unref_table)> mounts(
-		mnt_new_table_from_file("/proc/self/mountinfo"), mnt_unref_table);
+	const MountTable mounts = read_mount_table();
 	if (!mounts)
 		throw system_failure("cannot read what is mounted", errno);
 	libmnt_fs *mounted =
@@ -103,6 +114,72 @@ fs::path device_mounted_on(const fs::path &directory)
 	const char *source = mounted ? mnt_fs_get_source(mounted) : nullptr;
 	return source ? source : "";
 }
+
+/* In this mount namespace. */
+bool is_mounted(const fs::path &device)
+{
+	const MountTable mounts = read_mount_table();
+	return !mounts ||
+	       mnt_table_find_srcpath(mounts.get(), device.c_str(), MNT_ITER_FORWARD) != nullptr;
+}
+
+/* A file system holds its device, from other namespaces too, and when detached but in use. */
+bool is_held(const fs::path &device)
+{
+	const int fd = open(device.c_str(), O_RDONLY | O_EXCL | O_CLOEXEC);
+	if (fd >= 0)
+		close(fd);
+	return fd < 0 && errno != ENOENT;
+}
+
+/* Ends the server once its disk, which is mounted at begin(), is mounted nowhere any more. */
+class UnmountThread
+{
+public:
+	explicit UnmountThread(DiskServer &server)
+	    : server_(server), mounts_(mount_table_path, O_RDONLY), over_(eventfd(0, EFD_CLOEXEC))
+	{
+		if (over_ < 0)
+			throw system_failure("cannot make an event", errno);
+	}
+	~UnmountThread()
+	{
+		eventfd_write(over_, 1);
+		if (thread_.joinable())
+			thread_.join();
+		close(over_);
+	}
+	UnmountThread(const UnmountThread &) = delete;
+	UnmountThread &operator=(const UnmountThread &) = delete;
+
+	void begin()
+	{
+		thread_ = std::thread([this] {
+			if (wait_until_unmounted(server_.node()))
+				server_.request_stop();
+		});
+	}
+
+private:
+	/* False: it is over before. */
+	bool wait_until_unmounted(const fs::path &device) const
+	{
+		std::array<pollfd, 2> polled = {{{mounts_.get(), POLLPRI, 0}, {over_, POLLIN, 0}}};
+		while (!polled[1].revents) {
+			/* The kernel tells of changes of the table, but not who lets go last. */
+			const bool mounted = is_mounted(device);
+			if (!mounted && !is_held(device))
+				return true;
+			poll(polled.data(), polled.size(), mounted ? -1 : 100);
+		}
+		return false;
+	}
+
+	DiskServer &server_;
+	File mounts_;
+	int over_;
+	std::thread thread_;
+};
 
 struct FileSystem {
 	const char *type;
@@ -225,8 +302,10 @@ void serve_mounted(const PointName &name, MountRequest request)
 	DiskServer server(open_netlink(), make_source(std::move(reader)));
 	const SignalThread signals(server);
 	server.resume();
+	UnmountThread unmount(server);
 	wait_for_node(server);
 	mount_disk(server, request);
+	unmount.begin();
 	if (!Answer{.kind = Answer::serves, .text = server.node()}.say())
 		server.request_stop();
 	server.wait();
@@ -254,11 +333,11 @@ void run_in_background(const PointName &name, const MountRequest &request, int a
 	}
 }
 
-/* A process that cannot be taken for another one, which its number may be given to. */
+/* A process that, from 5.3 on, is not taken for another one, which its number may be given to. */
 class Process
 {
 public:
-	explicit Process(pid_t number) : fd_(pidfd_open(number, 0))
+	explicit Process(pid_t number) : number_(number), fd_(pidfd_open(number, 0))
 	{
 	}
 	~Process()
@@ -271,11 +350,14 @@ public:
 
 	bool ends_soon() const
 	{
+		if (fd_ < 0) // it has ended, or the kernel is old
+			return eventually([this] { return kill(number_, 0) != 0; });
 		pollfd ended{fd_, POLLIN, 0};
-		return fd_ < 0 || poll(&ended, 1, patience.count()) != 0;
+		return poll(&ended, 1, patience.count()) != 0;
 	}
 
 private:
+	pid_t number_;
 	int fd_;
 };
 
@@ -290,15 +372,25 @@ bool answers(const DiskAttributes &disk)
 }
 
 /*
- * A server ends when its disk is gone: there is no need for a signal, which could hit another
- * process. It has files of the repository open until then.
+ * Ends the server of a disk that is not mounted any more, which has files of the repository open
+ * until then. That of a mount ends by itself. Others do when their disk is gone: there is no need
+ * for a signal, which could hit another process.
  */
-void end_server(const RestoreDisks &disks, const DiskAttributes &disk)
+void end_server(const RestoreDisks &disks, const DiskAttributes &disk, const Process &server)
 {
-	const Process server(disk.server);
-	const bool is_there = answers(disk);
-	disks.destroy(disk.handle);
-	if (is_there && !server.ends_soon())
+	if (server.ends_soon())
+		return;
+	if (is_held("/dev/" + disk.name))
+		throw Failure(FailureCode::busy,
+			      fmt::format("{} is still in use elsewhere; process {} serves it "
+					  "until it is not",
+					  disk.name, disk.server));
+	const bool has_disk = std::ranges::any_of(disks.list(), [&](const DiskAttributes &other) {
+		return other.handle == disk.handle && other.server == disk.server;
+	});
+	if (has_disk)
+		disks.destroy(disk.handle);
+	if (!server.ends_soon())
 		throw Failure(FailureCode::failed,
 			      fmt::format("process {}, which served {}, does not end", disk.server,
 					  disk.name));
@@ -369,10 +461,21 @@ void unmount_point(const fs::path &directory)
 	const RestoreDisks disks(open_netlink());
 	const auto all = disks.list();
 	const auto disk = std::ranges::find(all, device.filename().native(), &DiskAttributes::name);
+	/* The server of a mount may end at once, and its number be another process's. */
+	std::optional<Process> server;
+	if (disk != all.end()) {
+		server.emplace(disk->server);
+		if (!answers(*disk))
+			server.reset();
+	}
 	if (umount2(where.c_str(), 0) != 0)
 		throw system_failure("cannot unmount " + directory.native(), errno);
-	if (disk != all.end()) // else it was destroyed after its server had died
-		end_server(disks, *disk);
+	if (disk == all.end()) // it was destroyed after its server had died
+		return;
+	if (!server)
+		disks.destroy(disk->handle);
+	else if (!is_mounted(device))
+		end_server(disks, *disk, *server);
 }
 
 std::vector<std::string> remove_dead_disks()

@@ -21,12 +21,13 @@ struct MountRequest {
 };
 
 /*
- * Returns once the point is mounted; a process in the background serves it until umount(). Returns
- * the disk's path. The caller has no other threads.
+ * Returns once the point is mounted; a process in the background serves it until it is mounted
+ * nowhere any more. Returns the disk's path. The caller has no other threads.
  */
 std::string mount_point(const PointName &name, const MountRequest &request);
 
-/* Unmounts the directory and ends the server of its disk. */
+/* Unmounts the directory; returns when the server has ended, if the disk is not mounted elsewhere.
+ */
 void unmount_point(const fs::path &directory);
 
 /* Destroys the restore disks whose servers have died. Returns their names. */
