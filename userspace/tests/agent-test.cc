@@ -381,7 +381,7 @@ TEST_F(AgentTest, restore_notices_what_the_target_did_not_keep)
 /* Indexes that are longer than what is looked at at once; each block tells who wrote it where. */
 TEST_F(AgentTest, every_block_is_found_in_long_indexes)
 {
-	constexpr uint64_t blocks = 1500, size = blocks * block_bytes - 4096;
+	static constexpr uint64_t blocks = 1500, size = blocks * block_bytes - 4096;
 	std::minstd_rand random(11);
 	const Repository repository = Repository::open_or_create(repository_, "vg/data", "uuid");
 	std::vector<uint64_t> words(blocks); // of which each block consists
@@ -398,7 +398,8 @@ TEST_F(AgentTest, every_block_is_found_in_long_indexes)
 			ASSERT_EQ(plain, std::vector(plain.size(), words[block])) << block;
 		}
 	};
-	Manifest point{.size = size};
+	Manifest point;
+	point.size = size;
 	for (uint64_t number = 1; number <= 4; number++) {
 		DataWriter writer(repository.data_directory(), Repository::new_data_name(number),
 				  size, 1);
