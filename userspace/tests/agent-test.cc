@@ -7,6 +7,7 @@
 
 #include <csignal>
 #include <dlfcn.h>
+#include <functional>
 #include <sys/wait.h>
 
 #include "block-runs.h"
@@ -20,6 +21,8 @@ namespace
 
 /* Set in a process that is to die: then each call by which files change is a step. */
 zorvat::agent::Machine *mortal = nullptr;
+/* Gets the file that is to be flushed. */
+std::function<void(int)> before_flush;
 
 template <typename... Arguments> int real(const char *name, Arguments... arguments)
 {
@@ -41,6 +44,8 @@ extern "C" int unlink(const char *path) noexcept
 }
 extern "C" int fsync(int fd)
 {
+	if (before_flush)
+		before_flush(fd);
 	return real("fsync", fd);
 }
 
@@ -399,6 +404,91 @@ TEST_F(AgentTest, restore_writes_and_reads_back)
 	EXPECT_THROW(restore(reader, {.target = target}, progress), Failure);
 }
 
+/* A target that loses a write, keeps old data in a hole, or has two blocks in each other's place.
+ */
+TEST_F(AgentTest, restore_notices_what_the_target_did_not_keep)
+{
+	machine_->write(1, 1);
+	machine_->write(2, 2);
+	back_up();
+	const auto copy = [](int file, size_t from, size_t to) {
+		std::vector<char> block(block_bytes);
+		EXPECT_EQ(pread(file, block.data(), block_bytes, from * block_bytes), block_bytes);
+		EXPECT_EQ(pwrite(file, block.data(), block_bytes, to * block_bytes), block_bytes);
+	};
+	const std::function<void(int)> faults[] = {
+		[&](int file) { copy(file, 3, 1); },
+		[&](int file) { copy(file, 1, 30); },
+		[&](int file) {
+			copy(file, 1, 3);
+			copy(file, 2, 1);
+			copy(file, 3, 2);
+			EXPECT_EQ(pwrite(file, std::string(block_bytes, '\0').data(), block_bytes,
+					 3 * block_bytes),
+				  block_bytes);
+		},
+	};
+	for (const auto &fault : faults) {
+		before_flush = fault;
+		Progress progress = silent();
+		PointReader reader(Repository(repository_), "");
+		EXPECT_THROW(restore(reader, {.target = directory_ / "restored"}, progress),
+			     Failure);
+		before_flush = nullptr;
+		EXPECT_FALSE(fs::exists(directory_ / "restored"));
+	}
+}
+
+/* Indexes that are longer than what is looked at at once; each block tells who wrote it where. */
+TEST_F(AgentTest, every_block_is_found_in_long_indexes)
+{
+	static constexpr uint64_t blocks = 1500, size = blocks * block_bytes - 4096;
+	std::minstd_rand random(11);
+	const Repository repository = Repository::open_or_create(repository_, "vg/data", "uuid");
+	std::vector<uint64_t> words(blocks); // of which each block consists
+	const auto words_in = [](uint64_t block, uint64_t count) {
+		return (std::min((block + count) * block_bytes, size) - block * block_bytes) /
+		       sizeof(uint64_t);
+	};
+	const auto expect_the_last = [&] {
+		PointReader reader(repository, "");
+		for (uint64_t i = 0; i < 2 * blocks; i++) {
+			const uint64_t block = i < blocks ? i : random() % blocks;
+			std::vector<uint64_t> plain(words_in(block, 1));
+			reader.read(block * block_bytes, std::as_writable_bytes(std::span(plain)));
+			ASSERT_EQ(plain, std::vector(plain.size(), words[block])) << block;
+		}
+	};
+	Manifest point;
+	point.size = size;
+	for (uint64_t number = 1; number <= 4; number++) {
+		DataWriter writer(repository.data_directory(), Repository::new_data_name(number),
+				  size, 1);
+		for (uint64_t block = 0, end = 0; block < blocks; block = end) {
+			end = std::min(block + (number == 1 ? 16 : 1 + random() % 3), blocks);
+			std::vector<uint64_t> plain;
+			for (uint64_t i = block; i < end; i++) {
+				words[i] = random() % 8 ? number << 32 | i : 0;
+				plain.resize(words_in(block, i + 1 - block), words[i]);
+			}
+			writer.add(block * block_bytes, std::as_bytes(std::span(plain)));
+			end += number == 1 ? 0 : random() % 9;
+		}
+		point.parent = point.id;
+		point.number = number;
+		point.id = std::to_string(number);
+		point.data = writer.finish();
+		repository.commit(point);
+		expect_the_last();
+	}
+	Progress progress = silent();
+	forget(repository, {"1", "4"}, progress);
+	expect_the_last();
+	forget(repository, {"4"}, progress);
+	expect_the_last();
+	EXPECT_TRUE(problems_in(repository).empty());
+}
+
 /* Random sets are forgotten, killed at random steps, until one is through. */
 TEST_F(AgentTest, forgetting_loses_no_block_of_what_is_kept)
 {
@@ -484,33 +574,77 @@ TEST(Retention, keeps_the_newest_of_each_period)
 	EXPECT_EQ(points_to_keep(points, {.last = 1, .monthly = 2}), Ids({"119", "115"}));
 }
 
-/* Against a map of single blocks. */
+/* Against a map of single blocks, across chunks of the map, with sources of all sizes. */
 TEST(ExtentMapTest, the_newest_source_of_each_block_wins)
 {
 	std::minstd_rand random(8);
-	for (int repetition = 0; repetition < 300; repetition++) {
-		ExtentMap map;
-		std::map<uint32_t, uint32_t> source_of;
-		for (uint32_t source = 0; source < 5; source++) {
-			std::vector<Piece> pieces;
-			for (uint32_t block = random() % 5; block < 60;) {
-				const uint32_t count = 1 + random() % 9;
-				pieces.push_back({block, count, source, 0});
-				for (uint32_t i = block; i < block + count; i++)
-					source_of.emplace(i, source);
-				block += count + random() % 7;
-			}
-			map.add_older(pieces);
-		}
-		for (uint32_t block = 0; block < 80; block++) {
-			const Piece *piece = map.find(block);
-			const auto expected = source_of.find(block);
-			ASSERT_EQ(piece != nullptr, expected != source_of.end());
-			if (piece) {
-				ASSERT_EQ(piece->source, expected->second);
+	for (int repetition = 0; repetition < 100; repetition++) {
+		const uint64_t blocks = 1 + random() % 5000;
+		const uint64_t most = 1 + random() % blocks;
+		ExtentMap map(blocks, 5);
+		std::vector<ExtentMap::Source> expected(blocks, ExtentMap::none);
+		for (ExtentMap::Source source = 0; source < 5; source++) {
+			for (uint64_t block = random() % most; block < blocks;) {
+				const uint64_t count =
+					std::min(1 + random() % most, blocks - block);
+				map.add_older(block, count, source);
+				for (uint64_t i = block; i < block + count; i++)
+					if (expected[i] == ExtentMap::none)
+						expected[i] = source;
+				block += count + random() % most;
 			}
 		}
+		std::vector<ExtentMap::Source> found(blocks, ExtentMap::none);
+		uint64_t last_end = 0;
+		map.for_each_run([&](const ExtentMap::Run &run) {
+			EXPECT_LE(last_end, run.first);
+			if (last_end == run.first && run.first > 0) {
+				EXPECT_NE(found[run.first - 1], run.source);
+			}
+			last_end = run.end;
+			std::fill(found.begin() + run.first, found.begin() + run.end, run.source);
+		});
+		ASSERT_EQ(found, expected);
+		EXPECT_EQ(map.is_whole(), std::ranges::count(expected, ExtentMap::none) == 0);
+		for (uint64_t block = 0; block < blocks; block++)
+			ASSERT_EQ(map.source_of(block), expected[block]);
 	}
+	EXPECT_THROW(ExtentMap(1, ExtentMap::max_sources + 1), Failure);
+}
+
+/* What a chain costs: increments that change scattered blocks, over a full point. */
+TEST(ExtentMapTest, a_long_chain_takes_the_memory_of_a_short_one_and_the_time_of_its_entries)
+{
+	constexpr uint64_t blocks = 4 << 20;
+	struct Cost {
+		double seconds; // of a processor
+		long kibibytes;
+	};
+	const auto cost_of = [](size_t increments, uint64_t blocks_in_each) {
+		const pid_t process = fork();
+		if (process == 0) {
+			ExtentMap map(blocks, increments + 1);
+			std::minstd_rand random(10);
+			for (size_t source = 0; source < increments; source++)
+				for (uint64_t block = 0; block < blocks;
+				     block += 1 + random() % (2 * blocks / blocks_in_each))
+					map.add_older(block, 1, source);
+			for (uint64_t block = 0; block < blocks; block += 16)
+				map.add_older(block, 16, increments);
+			_exit(!map.is_whole());
+		}
+		int status = 0;
+		rusage usage = {};
+		wait4(process, &status, 0, &usage);
+		EXPECT_EQ(status, 0);
+		const auto seconds = [](timeval time) { return time.tv_sec + time.tv_usec * 1e-6; };
+		return Cost{seconds(usage.ru_utime) + seconds(usage.ru_stime), usage.ru_maxrss};
+	};
+	const Cost one = cost_of(1, blocks / 200);
+	const Cost hundred = cost_of(100, blocks / 200);
+	EXPECT_LT(hundred.kibibytes - one.kibibytes, 8 << 10);
+	const Cost same_entries = cost_of(1, blocks / 2);
+	EXPECT_LT(hundred.seconds, 4 * same_entries.seconds + 0.05);
 }
 
 TEST(BlockRuns, cover_what_extents_touch)

@@ -82,17 +82,8 @@ public:
 	       Progress &progress)
 	    : environment_(environment), request_(request), progress_(progress),
 	      volume_(find_volume()), volume_lock_(lock_volume()),
-<<<<<<< HEAD
 	      tracker_(environment.open_tracker(volume_.path)), repository_(open_repository()),
 	      repository_lock_(repository_.lock_for_writing())
-=======
-	      repository_(request.existing
-				  ? Repository(request.repository)
-				  : Repository::open_or_create(request.repository,
-							       volume_.full_name(), volume_.uuid)),
-	      repository_lock_(repository_.lock_for_writing()),
-	      tracker_(environment.open_tracker(volume_.path))
->>>>>>> fix-b
 	{
 	}
 
@@ -162,7 +153,9 @@ Repository Backup::open_repository() const
 {
 	refuse_repository_on_volume();
 	Repository repository =
-		Repository::open_or_create(request_.repository, volume_.full_name(), volume_.uuid);
+		request_.existing ? Repository(request_.repository)
+				  : Repository::open_or_create(request_.repository,
+							       volume_.full_name(), volume_.uuid);
 	if (repository.volume_uuid() != volume_.uuid)
 		throw Failure(FailureCode::usage,
 			      fmt::format("{} holds backups of another volume, {}",

@@ -29,9 +29,9 @@ Hash128 hash128(std::span<const std::byte> bytes)
 	return canonical(XXH3_128bits(bytes.data(), bytes.size()));
 }
 
-uint64_t hash64(std::span<const std::byte> bytes)
+uint64_t hash64(std::span<const std::byte> bytes, uint64_t seed)
 {
-	return XXH3_64bits(bytes.data(), bytes.size());
+	return XXH3_64bits_withSeed(bytes.data(), bytes.size(), seed);
 }
 
 std::string to_hex(const Hash128 &hash)

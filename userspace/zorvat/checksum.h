@@ -18,7 +18,8 @@ namespace zorvat::agent
 using Hash128 = std::array<uint8_t, 16>; // canonical: most significant byte first
 
 Hash128 hash128(std::span<const std::byte> bytes);
-uint64_t hash64(std::span<const std::byte> bytes);
+/* What is stored has seed 0. */
+uint64_t hash64(std::span<const std::byte> bytes, uint64_t seed = 0);
 std::string to_hex(const Hash128 &hash);
 
 /* Of bytes that come in pieces. */

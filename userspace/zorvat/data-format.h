@@ -22,7 +22,7 @@ constexpr uint64_t blocks_of(uint64_t bytes)
 	return (bytes + block_bytes - 1) / block_bytes;
 }
 
-/* Pieces of the volume count blocks in 32 bits. */
+/* Numbers of blocks have 32 bits. */
 constexpr uint64_t max_volume_bytes = UINT32_MAX * block_bytes;
 
 inline constexpr std::array header_magic = {'Z', 'R', 'V', 'T', 'D', 'A', 'T', 'A'};

@@ -14,6 +14,7 @@ namespace
 {
 
 constexpr uint64_t entries_at_once = 4096;
+constexpr uint64_t window_entries = 32; // few: each file of a chain has a window
 
 } // namespace
 
@@ -95,7 +96,7 @@ void DataReader::for_each_entry(
 	for (uint64_t number = 0; number < summary_.entries; number += entries.size()) {
 		entries.resize(std::min(entries_at_once, summary_.entries - number));
 		const auto bytes = std::as_writable_bytes(std::span(entries));
-		file_.read(index_offset_ + number * sizeof(IndexEntry), bytes);
+		read_entries(number, bytes);
 		hash.add(bytes);
 		for (size_t i = 0; i < entries.size(); i++) {
 			check_entry(entries[i], covered, offset);
@@ -125,15 +126,73 @@ void DataReader::check_entry(const IndexEntry &entry, uint64_t covered, uint64_t
 IndexEntry DataReader::entry(uint64_t number) const
 {
 	IndexEntry entry;
-	file_.read(index_offset_ + number * sizeof(entry), bytes_of(entry));
-	if (entry.length > volume_size_ || (!entry.is_hole() && entry.length > max_frame_bytes))
+	read_entries(number, bytes_of(entry));
+	if (!is_unharmed(entry))
 		throw damage("its index has changed");
 	return entry;
 }
 
+IndexEntry DataReader::entry_at(uint64_t position)
+{
+	if (!is_in_window(position)) {
+		/* Most go on from where they were. */
+		move_window(window_first_ + window_.size());
+		if (!is_in_window(position))
+			move_window(find_near(position));
+	}
+	const auto after = std::ranges::upper_bound(window_, position, {}, &IndexEntry::start);
+	if (after == window_.begin())
+		throw damage("its index has changed");
+	const IndexEntry &entry = *std::prev(after);
+	if (position - entry.start >= entry.length || !is_unharmed(entry))
+		throw damage("its index has changed");
+	return entry;
+}
+
+bool DataReader::is_in_window(uint64_t position) const
+{
+	return !window_.empty() && window_.front().start <= position &&
+	       position < window_.back().end();
+}
+
+void DataReader::move_window(uint64_t first)
+{
+	std::vector<IndexEntry> entries(std::min(window_entries, summary_.entries - first));
+	read_entries(first, std::as_writable_bytes(std::span(entries)));
+	window_ = std::move(entries);
+	window_first_ = first;
+}
+
+/* The first of window_entries among which the one for the position is. */
+uint64_t DataReader::find_near(uint64_t position) const
+{
+	uint64_t first = 0, end = summary_.entries;
+	while (end - first > window_entries) {
+		const uint64_t middle = first + (end - first) / 2;
+		uint64_t start = 0;
+		static_assert(offsetof(IndexEntry, start) == 0);
+		read_entries(middle, bytes_of(start));
+		(start <= position ? first : end) = middle;
+	}
+	return first;
+}
+
+/* Or the beginning of one entry. */
+void DataReader::read_entries(uint64_t first, std::span<std::byte> to) const
+{
+	file_.read(index_offset_ + first * sizeof(IndexEntry), to);
+}
+
+/* What was checked once is read again: by numbers out of bounds nothing is to be read or written.
+ */
+bool DataReader::is_unharmed(const IndexEntry &entry) const
+{
+	return entry.length <= volume_size_ && (entry.is_hole() || entry.length <= max_frame_bytes);
+}
+
 std::span<const std::byte> DataReader::read_stored(const IndexEntry &entry)
 {
-	if (entry.stored > decoder_->buffer().size())
+	if (entry.is_hole() || entry.stored > decoder_->buffer().size())
 		throw damage("its index has changed");
 	const auto stored = decoder_->buffer().first(entry.stored);
 	file_.read(entry.offset, stored);

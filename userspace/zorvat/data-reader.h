@@ -54,8 +54,10 @@ public:
 
 	/* Reads the index from its beginning, and checks all of it by the end. */
 	void for_each_entry(const std::function<void(uint64_t, const IndexEntry &)> &visit) const;
-	/* By its number; of an index that for_each_entry() went through. */
+	/* By its number. For this and the next one, for_each_entry() has gone through the index. */
 	IndexEntry entry(uint64_t number) const;
+	/* The one that holds the byte of the volume. Looking for ascending ones is cheap. */
+	IndexEntry entry_at(uint64_t position);
 	/* Fills the first entry.length bytes. Not for holes. */
 	void read_frame(const IndexEntry &entry, std::span<std::byte> plain);
 	/* The frame as stored; valid until the decoder's next frame. */
@@ -65,6 +67,11 @@ private:
 	void check_header() const;
 	void check_footer();
 	void check_entry(const IndexEntry &entry, uint64_t covered, uint64_t offset) const;
+	void read_entries(uint64_t first, std::span<std::byte> to) const;
+	bool is_unharmed(const IndexEntry &entry) const;
+	bool is_in_window(uint64_t position) const;
+	void move_window(uint64_t first);
+	uint64_t find_near(uint64_t position) const;
 	Failure damage(const std::string &what) const;
 
 	DataSummary summary_;
@@ -73,6 +80,9 @@ private:
 	File file_;
 	uint64_t index_offset_ = 0;
 	std::shared_ptr<FrameDecoder> decoder_;
+	/* The part of the index that was needed last. */
+	std::vector<IndexEntry> window_;
+	uint64_t window_first_ = 0; // entry
 };
 
 } // namespace zorvat::agent

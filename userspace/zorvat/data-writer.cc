@@ -15,12 +15,6 @@ namespace
 
 constexpr size_t entries_kept = 4096;
 
-bool is_zero(std::span<const std::byte> bytes)
-{
-	return bytes.front() == std::byte{0} &&
-	       std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0;
-}
-
 std::span<const std::byte> block_at(std::span<const std::byte> plain, size_t offset)
 {
 	return plain.subspan(offset, std::min<size_t>(block_bytes, plain.size() - offset));
@@ -34,6 +28,12 @@ File nameless_file(const fs::path &path)
 }
 
 } // namespace
+
+bool is_zero(std::span<const std::byte> bytes)
+{
+	return bytes.front() == std::byte{0} &&
+	       std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0;
+}
 
 DataWriter::DataWriter(const fs::path &directory, const std::string &name, uint64_t volume_size,
 		       int compression)

@@ -25,6 +25,9 @@ struct DataSummary {
 
 constexpr int default_compression = 3;
 
+/* Whether all bytes are zeros. Not for none. */
+bool is_zero(std::span<const std::byte> bytes);
+
 /*
  * Ranges come in ascending order and do not overlap. The memory it takes does not depend on their
  * number: the index waits in a file of its own. Throws Failure.

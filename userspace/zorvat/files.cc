@@ -28,10 +28,11 @@ std::span<const std::byte> bytes_of_text(std::string_view text)
 	return std::as_bytes(std::span(text));
 }
 
-std::string seal(const std::string &content)
+/* What precedes the content; it may be long, and is not copied. */
+std::string seal_of(std::string_view content)
 {
-	return fmt::format("{}{}{}{}{}", seal_begin, to_hex(hash128(bytes_of_text(content))),
-			   seal_middle, content, seal_end);
+	return fmt::format("{}{}{}", seal_begin, to_hex(hash128(bytes_of_text(content))),
+			   seal_middle);
 }
 
 File open_aside(const fs::path &path, NewFile::Place place)
@@ -191,7 +192,8 @@ void NewFile::commit(Existing existing)
 	const int number = existing == keep ? rename_beside(file_.path(), path_)
 					    : rename_over(file_.path(), path_);
 	if (number == EEXIST)
-		throw Failure(FailureCode::busy, path_.native() + " was made by somebody else meanwhile", number);
+		throw Failure(FailureCode::busy,
+			      path_.native() + " was made by somebody else meanwhile", number);
 	if (number != 0)
 		throw system_failure("cannot rename " + file_.path().native(), number);
 	committed_ = true;
@@ -212,7 +214,11 @@ void flush_directory(const fs::path &directory)
 void write_sealed_json(const fs::path &path, const Json &content)
 {
 	NewFile file(path);
-	file.file().write(0, bytes_of_text(seal(text_of(content))));
+	const std::string text = text_of(content);
+	const std::string seal = seal_of(text);
+	file.file().write(0, bytes_of_text(seal));
+	file.file().write(seal.size(), bytes_of_text(text));
+	file.file().write(seal.size() + text.size(), bytes_of_text(seal_end));
 	file.commit();
 }
 
@@ -222,8 +228,9 @@ Json read_sealed_json(const fs::path &path)
 	const size_t begin = seal_begin.size() + hash_digits + seal_middle.size();
 	if (text.size() < begin + seal_end.size())
 		throw damaged(path.native(), "it is too short");
-	const std::string content = text.substr(begin, text.size() - begin - seal_end.size());
-	if (seal(content) != text)
+	const std::string_view content =
+		std::string_view(text).substr(begin, text.size() - begin - seal_end.size());
+	if (!text.starts_with(seal_of(content)) || !text.ends_with(seal_end))
 		throw damaged(path.native(), "its checksum does not fit");
 	try {
 		return Json::parse(content);

@@ -15,9 +15,6 @@ namespace zorvat::agent
 namespace
 {
 
-/* Zeros: of what is read, no file holds them. */
-constexpr uint32_t no_source = UINT32_MAX;
-
 class PointSource final : public BlockSource
 {
 public:
@@ -75,15 +72,17 @@ FrameCache::~FrameCache()
 	close(file_);
 }
 
-uint64_t FrameCache::find_or_fill(uint64_t name,
-				  const std::function<void(std::span<std::byte>)> &fill)
+uint64_t FrameCache::find_or_read(ExtentMap::Source source, DataReader &file,
+				  const IndexEntry &entry)
 {
+	const uint64_t name = uint64_t{source} << 32 | entry.start / block_bytes;
 	uses_++;
 	auto *slot = std::ranges::find(slots_, name, &Slot::name);
 	if (slot == std::end(slots_)) {
 		slot = std::ranges::min_element(slots_, {}, &Slot::last_use);
-		slot->name = UINT64_MAX; // in case filling it fails
-		fill(memory_.subspan((slot - slots_) * max_frame_bytes, max_frame_bytes));
+		slot->name = UINT64_MAX; // in case reading fails
+		file.read_frame(
+			entry, memory_.subspan((slot - slots_) * max_frame_bytes, max_frame_bytes));
 		slot->name = name;
 	}
 	slot->last_use = uses_;
@@ -100,6 +99,7 @@ void PointReader::open_chain(const Repository &repository, const std::string &po
 {
 	const File hold = repository.hold_points();
 	chain_ = repository.chain_of(repository.find(point));
+	map_.emplace(blocks_of(size()), chain_.size());
 	const auto decoder = std::make_shared<FrameDecoder>();
 	for (const Manifest &manifest : chain_)
 		sources_.push_back(std::make_unique<DataReader>(repository.data_directory(),
@@ -110,41 +110,44 @@ void PointReader::open_chain(const Repository &repository, const std::string &po
 void PointReader::build_map()
 {
 	for (size_t i = 0; i < sources_.size(); i++)
-		map_.add_older(pieces_of(*sources_[i], i, no_source));
-	if (!map_.covers(blocks_of(size())))
+		map_->add_older(*sources_[i], i, ExtentMap::zeros);
+	if (!map_->is_whole())
 		throw Failure(
 			FailureCode::damaged,
 			fmt::format("restore point {} has not all of its blocks", point().id));
-	for (const Piece &piece : map_.pieces())
-		if (piece.source != no_source)
-			data_bytes_ += end_of(piece) - piece.block * block_bytes;
+	map_->for_each_run([&](const ExtentMap::Run &run) {
+		if (run.source != ExtentMap::zeros)
+			data_bytes_ += end_of(run.end) - run.first * block_bytes;
+	});
 }
 
-uint64_t PointReader::end_of(const Piece &piece) const
+uint64_t PointReader::end_of(uint64_t end_block) const
 {
-	return std::min(piece.end() * block_bytes, size());
+	return std::min(end_block * block_bytes, size());
 }
 
 PointReader::Run PointReader::find(uint64_t offset)
 {
-	const Piece &piece = *map_.find(offset / block_bytes);
-	const size_t length = std::min<uint64_t>(end_of(piece) - offset, max_frame_bytes);
-	if (piece.source == no_source)
-		return {cache_->zeros(), length, true};
-	DataReader &source = *sources_[piece.source];
-	const IndexEntry entry = source.entry(piece.entry);
-	if (offset < entry.start || entry.end() < offset + length)
-		throw damaged(chain_[piece.source].data.file, "its index has changed");
-	const uint64_t name = uint64_t{piece.source} << 32 | piece.entry;
-	const uint64_t slot = cache_->find_or_fill(
-		name, [&](std::span<std::byte> plain) { source.read_frame(entry, plain); });
-	return {slot + (offset - entry.start), length, false};
+	const uint64_t block = offset / block_bytes;
+	const ExtentMap::Source source = map_->source_of(block);
+	const auto length_within = [&](uint64_t end) {
+		return end_of(map_->end_of_run(block, blocks_of(end))) - offset;
+	};
+	if (source == ExtentMap::zeros)
+		return {cache_->zeros(),
+			std::min(length_within(offset + max_frame_bytes), max_frame_bytes), true};
+	DataReader &file = *sources_[source];
+	const IndexEntry entry = file.entry_at(offset);
+	const uint64_t slot = cache_->find_or_read(source, file, entry);
+	return {slot + (offset - entry.start), length_within(entry.end()), false};
 }
 
 uint64_t PointReader::zeros_at(uint64_t offset) const
 {
-	const Piece &piece = *map_.find(offset / block_bytes);
-	return piece.source == no_source ? end_of(piece) - offset : 0;
+	const uint64_t block = offset / block_bytes;
+	if (map_->source_of(block) != ExtentMap::zeros)
+		return 0;
+	return end_of(map_->end_of_run(block)) - offset;
 }
 
 void PointReader::read(uint64_t offset, std::span<std::byte> to)

@@ -3,8 +3,8 @@
 #ifndef ZORVAT_AGENT_POINT_READER_H
 #define ZORVAT_AGENT_POINT_READER_H
 
-#include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 #include <zorvat/block-source.h>
 
@@ -29,8 +29,11 @@ public:
 	FrameCache(const FrameCache &) = delete;
 	FrameCache &operator=(const FrameCache &) = delete;
 
-	/* Where the frame of that name is, or is put by the function. */
-	uint64_t find_or_fill(uint64_t name, const std::function<void(std::span<std::byte>)> &fill);
+	/*
+	 * Where the entry's frame is. No other file has that source. Throws what reading it from
+	 * the file throws.
+	 */
+	uint64_t find_or_read(ExtentMap::Source source, DataReader &file, const IndexEntry &entry);
 	/* Of max_frame_bytes. */
 	uint64_t zeros() const
 	{
@@ -48,7 +51,7 @@ public:
 
 private:
 	struct Slot {
-		uint64_t name = UINT64_MAX;
+		uint64_t name = UINT64_MAX; // by source and first block
 		uint64_t last_use = 0;
 	};
 
@@ -103,11 +106,12 @@ public:
 private:
 	void open_chain(const Repository &repository, const std::string &point);
 	void build_map();
-	uint64_t end_of(const Piece &piece) const;
+	/* Of blocks that end there, in bytes; the last block may be shorter. */
+	uint64_t end_of(uint64_t end_block) const;
 
 	std::vector<Manifest> chain_; // the newest first
 	std::vector<std::unique_ptr<DataReader>> sources_;
-	ExtentMap map_;
+	std::optional<ExtentMap> map_;
 	uint64_t data_bytes_ = 0;
 	std::unique_ptr<FrameCache> cache_ = std::make_unique<FrameCache>();
 };

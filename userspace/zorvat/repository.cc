@@ -5,6 +5,7 @@
 #include <charconv>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <iterator>
 #include <random>
 #include <set>
 #include <sys/file.h>
@@ -111,6 +112,46 @@ Manifest manifest_from(const Json &json)
 	if (json.at("block_size") != block_bytes)
 		throw std::invalid_argument("its blocks have another size");
 	return manifest;
+}
+
+/*
+ * Decimal numbers, each followed by a space: how many blocks to skip, how many are in the run, and
+ * so on. A text, since a JSON array of so many numbers takes many times its memory.
+ */
+std::string text_of(const std::vector<BlockRun> &runs)
+{
+	std::string text;
+	uint64_t end = 0;
+	for (const BlockRun &run : runs) {
+		fmt::format_to(std::back_inserter(text), "{} {} ", run.first - end, run.count);
+		end = run.first + run.count;
+	}
+	return text;
+}
+
+/* Takes the number and its space from the text. */
+uint32_t take_number(std::string_view &text)
+{
+	uint32_t number = 0;
+	const char *end = text.data() + text.size();
+	const auto [rest, error] = std::from_chars(text.data(), end, number);
+	if (error != std::errc() || rest == end || *rest != ' ')
+		throw std::invalid_argument("its changes are not numbers");
+	text = {rest + 1, end};
+	return number;
+}
+
+std::vector<BlockRun> runs_from(std::string_view text)
+{
+	std::vector<BlockRun> runs;
+	uint64_t end = 0;
+	while (!text.empty()) {
+		const uint64_t first = end + take_number(text);
+		const uint64_t count = take_number(text);
+		runs.push_back({first, count});
+		end = first + count;
+	}
+	return runs;
 }
 
 /* What is in the file, through a function that may throw what JSON libraries throw. */
@@ -380,35 +421,28 @@ std::optional<Attempt> Repository::attempt() const
 	if (!fs::exists(attempt_path()))
 		return std::nullopt;
 	return read_record(attempt_path(), [](const Json &json) {
-		Attempt attempt{.snapshot = json.at("snapshot"),
-				.point = text_or_null(json.at("point")),
-				.before = driver_from(json.at("driver")),
-				.switch_count = std::nullopt,
-				.changes = {}};
+		Attempt attempt{
+			.snapshot = json.at("snapshot"),
+			.point = text_or_null(json.at("point")),
+			.before = driver_from(json.at("driver")),
+			.switch_count = std::nullopt,
+			.changes = runs_from(json.at("changes").get_ref<const std::string &>())};
 		const Json &switch_count = json.at("switch_count");
 		if (!switch_count.is_null())
 			attempt.switch_count = switch_count.get<uint64_t>();
-		const Json &changes = json.at("changes");
-		for (size_t i = 0; i + 1 < changes.size(); i += 2)
-			attempt.changes.push_back({changes[i], changes[i + 1]});
 		return attempt;
 	});
 }
 
 void Repository::write_attempt(const Attempt &attempt) const
 {
-	Json changes = Json::array();
-	for (const BlockRun &run : attempt.changes) {
-		changes.push_back(run.first);
-		changes.push_back(run.count);
-	}
 	write_sealed_json(
 		attempt_path(),
 		{{"snapshot", attempt.snapshot},
 		 {"point", or_null(attempt.point)},
 		 {"driver", to_json(attempt.before)},
 		 {"switch_count", attempt.switch_count ? Json(*attempt.switch_count) : Json()},
-		 {"changes", std::move(changes)}});
+		 {"changes", text_of(attempt.changes)}});
 }
 
 void Repository::remove_attempt() const

@@ -156,11 +156,45 @@ private:
 	std::optional<NewFile> new_file_;
 };
 
-/* Of what was written, piece by piece: 8 bytes for at most 1 MiB. */
-struct Written {
-	uint64_t offset;
-	uint32_t length;
-	uint64_t hash;
+/*
+ * Tells what was written from anything else: 8 bytes for each MiB of the volume. In a sum of the
+ * checksums of its blocks, they may come in portions of any size. Blocks of zeros count nothing, so
+ * that none has to be made up where a hole is.
+ */
+class WrittenSums
+{
+public:
+	explicit WrittenSums(uint64_t size) : sums_((size + bytes_per_sum - 1) / bytes_per_sum)
+	{
+	}
+
+	/* The offset is a multiple of a block. */
+	void add(uint64_t offset, std::span<const std::byte> bytes)
+	{
+		for (size_t done = 0; done < bytes.size(); done += block_bytes)
+			sums_[(offset + done) / bytes_per_sum] +=
+				sum_of_block(offset + done, bytes.subspan(done));
+	}
+	/* The bytes are all that the volume has of one sum. */
+	bool fit(uint64_t offset, std::span<const std::byte> bytes) const
+	{
+		uint64_t sum = 0;
+		for (size_t done = 0; done < bytes.size(); done += block_bytes)
+			sum += sum_of_block(offset + done, bytes.subspan(done));
+		return sum == sums_[offset / bytes_per_sum];
+	}
+
+	static constexpr size_t bytes_per_sum = 1 << 20;
+
+private:
+	/* Of the first block of the bytes. Elsewhere, the same block has another sum. */
+	static uint64_t sum_of_block(uint64_t offset, std::span<const std::byte> bytes)
+	{
+		bytes = bytes.first(std::min<size_t>(block_bytes, bytes.size()));
+		return is_zero(bytes) ? 0 : hash64(bytes, offset);
+	}
+
+	std::vector<uint64_t> sums_;
 };
 
 constexpr uint64_t zeros_at_once = uint64_t{256} << 20;
@@ -190,16 +224,12 @@ public:
 private:
 	void write_all();
 	void verify();
-	void verify_zeros(DirectFile &file, uint64_t from, uint64_t to);
-	void verify_piece(DirectFile &file, const Written &piece);
-	Failure mismatch(uint64_t offset) const;
 
 	PointReader &reader_;
 	const RestoreRequest &request_;
 	Progress &progress_;
 	Target target_;
-	AlignedBuffer buffer_{max_frame_bytes};
-	std::vector<Written> written_;
+	WrittenSums written_{request_.verify ? reader_.size() : 0};
 	uint64_t bytes_written_ = 0;
 };
 
@@ -217,8 +247,7 @@ void Restore::write_all()
 			length = bytes.size();
 			bytes_written_ += length;
 			if (request_.verify)
-				written_.push_back(
-					{offset, static_cast<uint32_t>(length), hash64(bytes)});
+				written_.add(offset, bytes);
 		}
 		offset += length;
 		progress_.advance(length);
@@ -230,44 +259,22 @@ void Restore::write_all()
 void Restore::verify()
 {
 	DirectFile file(target_.file().path());
+	const AlignedBuffer buffer(WrittenSums::bytes_per_sum);
 	progress_.begin("verify", reader_.size());
-	uint64_t checked = 0;
-	for (const Written &piece : written_) {
-		verify_zeros(file, checked, piece.offset);
-		verify_piece(file, piece);
-		checked = piece.offset + piece.length;
+	for (uint64_t offset = 0; offset < reader_.size();) {
+		const auto bytes = buffer.bytes().first(
+			std::min<uint64_t>(buffer.bytes().size(), reader_.size() - offset));
+		file.read(offset, bytes);
+		if (!written_.fit(offset, bytes))
+			throw Failure(FailureCode::failed,
+				      fmt::format("{} does not have in bytes {} to {} what was "
+						  "written there",
+						  request_.target.native(), offset,
+						  offset + bytes.size()));
+		offset += bytes.size();
+		progress_.advance(bytes.size());
 	}
-	verify_zeros(file, checked, reader_.size());
 	progress_.end();
-}
-
-void Restore::verify_zeros(DirectFile &file, uint64_t from, uint64_t to)
-{
-	while (from < to) {
-		const size_t length = std::min<uint64_t>(to - from, max_frame_bytes);
-		const auto bytes = buffer_.bytes().first(length);
-		file.read(from, bytes);
-		if (std::ranges::any_of(bytes, [](std::byte byte) { return byte != std::byte{}; }))
-			throw mismatch(from);
-		from += length;
-		progress_.advance(length);
-	}
-}
-
-void Restore::verify_piece(DirectFile &file, const Written &piece)
-{
-	const auto bytes = buffer_.bytes().first(piece.length);
-	file.read(piece.offset, bytes);
-	if (hash64(bytes) != piece.hash)
-		throw mismatch(piece.offset);
-	progress_.advance(piece.length);
-}
-
-Failure Restore::mismatch(uint64_t offset) const
-{
-	return Failure(FailureCode::failed,
-		       fmt::format("{} does not have at byte {} what was written there",
-				   request_.target.native(), offset));
 }
 
 } // namespace

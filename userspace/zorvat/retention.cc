@@ -9,6 +9,7 @@
 #include "block-runs.h"
 #include "data-reader.h"
 #include "extent-map.h"
+#include "point-reader.h"
 
 namespace zorvat::agent
 {
@@ -54,15 +55,15 @@ class Merge
 public:
 	/* The newest first. */
 	Merge(const Repository &repository, const std::vector<const Manifest *> &run)
-	    : repository_(repository), run_(run)
+	    : repository_(repository), run_(run), map_(blocks_of(run.front()->size), run.size())
 	{
 		const auto decoder = std::make_shared<FrameDecoder>();
 		for (const Manifest *manifest : run)
 			sources_.push_back(std::make_unique<DataReader>(
-				repository.data_directory(), manifest->data, manifest->size,
+				repository.data_directory(), manifest->data, run.front()->size,
 				manifest->id, decoder));
-		for (uint32_t i = 0; i < sources_.size(); i++)
-			add(i);
+		for (size_t i = 0; i < sources_.size(); i++)
+			map_.add_older(*sources_[i], i, i);
 	}
 
 	/* The successor as it is to be. */
@@ -74,13 +75,17 @@ public:
 		merged.changed_bytes = 0;
 		DataWriter writer(repository_.data_directory(),
 				  Repository::new_data_name(merged.number), merged.size);
-		for (const Piece &piece : map_.pieces()) {
-			const uint64_t start = piece.block * block_bytes;
-			const uint64_t end = std::min(piece.end() * block_bytes, merged.size);
-			copy(piece, start, end - start, writer);
+		map_.for_each_run([&](const ExtentMap::Run &run) {
+			const uint64_t start = run.first * block_bytes;
+			const uint64_t end = std::min(run.end * block_bytes, merged.size);
 			merged.changed_bytes += end - start;
-			progress.advance(end - start);
-		}
+			for (uint64_t from = start, to = start; from < end; from = to) {
+				const IndexEntry entry = sources_[run.source]->entry_at(from);
+				to = std::min(entry.end(), end);
+				copy(run.source, entry, from, to - from, writer);
+				progress.advance(to - from);
+			}
+		});
 		merged.data = writer.finish();
 		return merged;
 	}
@@ -88,35 +93,31 @@ public:
 	uint64_t bytes() const
 	{
 		uint64_t bytes = 0;
-		for (const Piece &piece : map_.pieces())
-			bytes += piece.count * block_bytes;
+		map_.for_each_run([&](const ExtentMap::Run &run) {
+			bytes += (run.end - run.first) * block_bytes;
+		});
 		return bytes;
 	}
 
 private:
-	void add(uint32_t source)
+	/* A frame of which all is used goes over as it is. Others have their parts apart. */
+	void copy(ExtentMap::Source source, const IndexEntry &entry, uint64_t start,
+		  uint64_t length, DataWriter &writer)
 	{
-		map_.add_older(pieces_of(*sources_[source], source, source));
-	}
-
-	/* A frame of which all is used goes over as it is. */
-	void copy(const Piece &piece, uint64_t start, uint64_t length, DataWriter &writer)
-	{
-		DataReader &source = *sources_[piece.source];
-		const IndexEntry entry = source.entry(piece.entry);
+		DataReader &file = *sources_[source];
 		if (entry.is_hole())
 			return writer.add_hole(start, length);
 		if (entry.start == start && entry.length == length)
-			return writer.add_stored(entry, source.read_stored(entry));
-		source.read_frame(entry, plain_);
-		writer.add(start, std::span(plain_).subspan(start - entry.start, length));
+			return writer.add_stored(entry, file.read_stored(entry));
+		const uint64_t plain = frames_.find_or_read(source, file, entry);
+		writer.add(start, frames_.at(plain + (start - entry.start), length));
 	}
 
 	const Repository &repository_;
 	std::vector<const Manifest *> run_;
 	std::vector<std::unique_ptr<DataReader>> sources_;
 	ExtentMap map_;
-	std::vector<std::byte> plain_ = std::vector<std::byte>(max_frame_bytes);
+	FrameCache frames_;
 };
 
 /*
