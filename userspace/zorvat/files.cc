@@ -184,7 +184,8 @@ void NewFile::commit(Existing existing)
 	const int number = existing == keep ? rename_beside(file_.path(), path_)
 					    : rename_over(file_.path(), path_);
 	if (number == EEXIST)
-		throw Failure(FailureCode::busy, path_.native() + " was made by somebody else meanwhile", number);
+		throw Failure(FailureCode::busy,
+			      path_.native() + " was made by somebody else meanwhile", number);
 	if (number != 0)
 		throw system_failure("cannot rename " + file_.path().native(), number);
 	committed_ = true;
