@@ -22,6 +22,7 @@
 
 #include "backup.h"
 #include "data-format.h"
+#include "retention.h"
 
 namespace zorvat::agent
 {
@@ -237,6 +238,17 @@ protected:
 				       .existing = existing,
 				       .compression = 1},
 				      progress);
+	}
+
+	/* Returns the ids of those that have gone. */
+	std::vector<std::string> forget_all_but(const std::set<std::string> &keep)
+	{
+		const Repository repository(repository_);
+		const File lock = repository.lock_for_writing();
+		Progress progress(Progress::silent);
+		std::vector<std::string> dropped;
+		forget(repository, keep, progress, dropped);
+		return dropped;
 	}
 
 	/* What the last snapshot held. */

@@ -200,6 +200,43 @@ TEST_F(AgentProgramTest, exits_as_its_page_says)
 	EXPECT_EQ(run("list repository"), 7);
 }
 
+TEST_F(AgentProgramTest, reads_without_repository_json_and_backs_up_to_a_new_one)
+{
+	back_up();
+	machine_->fails_on_snapshot_read = true;
+	EXPECT_THROW(back_up(), Failure);
+	machine_->fails_on_snapshot_read = false;
+	std::fstream(repository_ / "repository.json", std::ios::in | std::ios::out).put('[');
+	EXPECT_EQ(run("list --json repository 2>told"), 0);
+	EXPECT_NE(text_of(directory_ / "told").find("repository.json is damaged"),
+		  std::string::npos);
+	EXPECT_NE(text_of(directory_ / "output").find("vg/data"), std::string::npos);
+	for (const char *arguments :
+	     {"show repository", "restore repository --to copy", "forget repository@1 --dry-run"})
+		EXPECT_EQ(run(arguments), 0) << arguments;
+	for (const char *arguments : {"verify repository", "forget repository@1"})
+		EXPECT_EQ(run(arguments), 7) << arguments;
+	EXPECT_THROW(back_up(), Failure);
+
+	fs::remove(repository_ / "repository.json");
+	EXPECT_EQ(run("list repository"), 4);
+	EXPECT_THROW(Repository::open_or_create(repository_, "vg/data", "another"), Failure);
+	EXPECT_FALSE(back_up().point.is_full());
+	EXPECT_EQ(run("verify repository"), 0);
+	EXPECT_EQ(Repository(repository_).points().size(), 2U);
+}
+
+TEST_F(AgentProgramTest, tells_what_it_forgot_before_it_failed)
+{
+	back_up();
+	const auto full = back_up(true).point;
+	back_up();
+	fs::remove(repository_ / "data" / full.data.file);
+	EXPECT_EQ(run("forget repository --keep-last 1"), 7);
+	const std::string told = text_of(directory_ / "output");
+	EXPECT_TRUE(told.starts_with("forgot 1-") && told.find("forgot", 1) == told.npos) << told;
+}
+
 TEST_F(AgentProgramTest, what_cannot_be_told_ends_nothing)
 {
 	machine_->write(0, 1);

@@ -96,6 +96,26 @@ template <typename Work> bool dies(Machine &machine, int steps, Work work)
 	return killed;
 }
 
+/* Nothing of it can be compressed. */
+void fill_with_noise(Machine &machine, std::minstd_rand &random)
+{
+	for (std::byte &byte : machine.content)
+		byte = std::byte(random() >> 8);
+}
+
+/* Puts what a point adds on top of another one as well. */
+void add_fork(const Repository &repository, const std::string &point, const std::string &parent)
+{
+	Manifest fork = repository.find(point);
+	fork.number = repository.next_number();
+	fork.id = std::to_string(fork.number) + "-fork";
+	fork.parent = repository.find(parent).id;
+	const fs::path original = repository.data_directory() / fork.data.file;
+	fork.data.file = Repository::new_data_name(fork.number);
+	fs::copy_file(original, repository.data_directory() / fork.data.file);
+	repository.commit(fork);
+}
+
 std::vector<fs::path> files_below(const fs::path &directory)
 {
 	std::vector<fs::path> files;
@@ -301,9 +321,7 @@ TEST_F(AgentTest, a_clear_after_interrupted_backups_loses_nothing)
 TEST_F(AgentTest, a_repository_without_room_stays_sound)
 {
 	std::minstd_rand random(4);
-	for (size_t block = 0; block < fake_blocks; block++)
-		for (size_t i = 0; i < block_bytes && block * block_bytes + i < fake_size; i++)
-			machine_->content[block * block_bytes + i] = std::byte(random() >> 8);
+	fill_with_noise(*machine_, random);
 	back_up();
 	machine_->live.fill(true);
 	std::signal(SIGXFSZ, SIG_IGN);
@@ -334,8 +352,6 @@ TEST_F(AgentTest, a_flipped_byte_is_found_and_named)
 		back_up();
 	}
 	for (const fs::path &path : files_below(repository_)) {
-		if (path.filename() == "repository.json")
-			continue; // see below
 		const auto size = fs::file_size(path);
 		for (uint64_t at = 0; at < size; at += at < 40 || at + 400 > size ? 1 : 61) {
 			std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
@@ -352,8 +368,39 @@ TEST_F(AgentTest, a_flipped_byte_is_found_and_named)
 		}
 	}
 	EXPECT_TRUE(problems_in(Repository(repository_)).empty());
-	std::fstream(repository_ / "repository.json", std::ios::in | std::ios::out).put('[');
-	EXPECT_THROW(Repository{repository_}, Failure);
+}
+
+TEST_F(AgentTest, verify_reads_on_after_damage_and_names_the_points_it_concerns)
+{
+	std::minstd_rand random(10);
+	fill_with_noise(*machine_, random);
+	std::vector<std::string> ids;
+	for (int round = 0; round < 4; round++)
+		ids.push_back(back_up(round == 2).point.id);
+	const Repository repository(repository_);
+	const fs::path data = repository.data_directory() / repository.find("1").data.file;
+	for (uint64_t offset : {fs::file_size(data) / 10, fs::file_size(data) * 9 / 10})
+		std::fstream(data, std::ios::in | std::ios::out)
+			.seekp(static_cast<off_t>(offset))
+			.write("damaged", 7);
+	auto problems = problems_in(repository);
+	ASSERT_EQ(problems.size(), 2U);
+	EXPECT_NE(problems[0].find("2 of its frames"), std::string::npos) << problems[0];
+	const std::string concerned = ": " + ids[0] + ", " + ids[1];
+	EXPECT_TRUE(problems[1].ends_with(concerned)) << problems[1];
+	fs::remove(data);
+	problems = problems_in(repository);
+	ASSERT_EQ(problems.size(), 2U);
+	EXPECT_NE(problems[0].find(ids[0] + " is missing"), std::string::npos) << problems[0];
+	EXPECT_TRUE(problems[1].ends_with(concerned)) << problems[1];
+
+	/* Whoever removes the record can forget what built on it. */
+	fs::remove(repository_ / "points" / (ids[0] + ".json"));
+	problems = problems_in(repository);
+	ASSERT_EQ(problems.size(), 2U);
+	EXPECT_TRUE(problems[1].ends_with(": " + ids[1])) << problems[1];
+	EXPECT_EQ(forget_all_but({ids[2], ids[3]}), std::vector{ids[1]});
+	EXPECT_TRUE(problems_in(repository).empty());
 }
 
 TEST_F(AgentTest, a_damaged_point_is_not_restored_and_not_built_upon)
@@ -482,48 +529,103 @@ TEST_F(AgentTest, every_block_is_found_in_long_indexes)
 		expect_the_last();
 	}
 	Progress progress = silent();
-	forget(repository, {"1", "4"}, progress);
+	std::vector<std::string> dropped;
+	forget(repository, {"1", "4"}, progress, dropped);
 	expect_the_last();
-	forget(repository, {"4"}, progress);
+	forget(repository, {"4"}, progress, dropped);
 	expect_the_last();
 	EXPECT_TRUE(problems_in(repository).empty());
 }
 
-/* Random sets are forgotten, killed at random steps, until one is through. */
+/*
+ * The points build on each other as 1-2-3-4, 2-7-8 and 5-6. Killed at more and more steps, each
+ * time going on from there, until one is through.
+ */
 TEST_F(AgentTest, forgetting_loses_no_block_of_what_is_kept)
 {
 	std::minstd_rand random(7);
-	for (int repetition = 0; repetition < 8; repetition++) {
+	for (int round = 0; round < 6; round++) {
+		machine_->write(round, 1 + round);
+		write_some(random);
+		back_up(round == 4);
+	}
+	add_fork(Repository(repository_), "4", "2");
+	add_fork(Repository(repository_), "6", "7");
+	std::map<uint64_t, std::vector<char>> truths;
+	for (const Manifest &point : Repository(repository_).points())
+		truths[point.number] = read_point(Repository(repository_), point.id);
+	const fs::path whole = directory_ / "whole";
+	fs::rename(repository_, whole);
+
+	const std::set<uint64_t> keep_sets[] = {{6}, {3, 4}, {2, 6, 8}, {1, 4, 6, 8}, {4, 7, 8}};
+	for (const auto &kept : keep_sets) {
 		fs::remove_all(repository_);
-		std::map<std::string, std::vector<char>> truths;
-		for (int round = 0; round < 10; round++) {
-			write_some(random);
-			const std::string id = back_up(round == 6).point.id;
-			truths[id] = truth();
-		}
-		std::set<std::string> keep = {truths.rbegin()->first};
-		for (const auto &[id, content] : truths)
-			if (random() % 3 == 0)
-				keep.insert(id);
-		const auto forget_rest = [&] {
-			const Repository repository(repository_);
-			const File lock = repository.lock_for_writing();
-			Progress progress = silent();
-			forget(repository, keep, progress);
-		};
-		for (int steps = 0; dies(*machine_, steps, forget_rest); steps += 1 + random() % 3)
-			for (const std::string &id : keep)
-				ASSERT_EQ(read_point(Repository(repository_), id), truths[id]);
+		fs::copy(whole, repository_, fs::copy_options::recursive);
 		const Repository repository(repository_);
-		EXPECT_EQ(repository.points().size(), keep.size());
-		for (const std::string &id : keep)
-			ASSERT_EQ(read_point(repository, id), truths[id]);
+		std::set<std::string> keep;
+		for (const uint64_t number : kept)
+			keep.insert(repository.find(std::to_string(number)).id);
+		int deaths = 0;
+		for (bool died = true; died;) {
+			died = dies(*machine_, deaths * 2, [&] { forget_all_but(keep); });
+			deaths += died;
+			const auto points = repository.points();
+			for (const Manifest &point : points)
+				ASSERT_EQ(read_point(repository, point.id), truths[point.number]);
+			std::set<uint64_t> there;
+			for (const Manifest &point : points)
+				there.insert(point.number);
+			ASSERT_TRUE(std::ranges::includes(there, kept));
+		}
+		EXPECT_GT(deaths, 4);
+		EXPECT_EQ(repository.points().size(), kept.size());
 		EXPECT_TRUE(problems_in(repository).empty());
 		EXPECT_TRUE(repository.leftovers().empty());
 	}
 }
 
-/* Readers take no lock, and see neither damage nor other content while points go. */
+/* 2 builds on 1, 4 on 3, 6 on 5. Only 3 is large. */
+TEST_F(AgentTest, forgetting_on_a_full_disk_frees_what_it_can)
+{
+	std::minstd_rand random(11);
+	std::map<uint64_t, std::vector<char>> truths;
+	for (uint64_t number = 1; number <= 6; number++) {
+		if (number == 3)
+			fill_with_noise(*machine_, random);
+		if (number == 5)
+			machine_->content.fill({});
+		machine_->write(number, number);
+		back_up(number % 2 == 1);
+		truths[number] = truth();
+	}
+	const Repository repository(repository_);
+	const std::set<std::string> keep = {repository.find("2").id, repository.find("4").id};
+	const std::vector<std::string> free = {repository.find("6").id, repository.find("5").id,
+					       repository.find("1").id};
+	std::signal(SIGXFSZ, SIG_IGN);
+	rlimit unlimited;
+	getrlimit(RLIMIT_FSIZE, &unlimited);
+	const rlimit limit = {1 << 20, unlimited.rlim_max};
+	setrlimit(RLIMIT_FSIZE, &limit);
+	std::vector<std::string> dropped;
+	try {
+		Progress progress = silent();
+		forget(repository, keep, progress, dropped);
+		ADD_FAILURE();
+	} catch (const Failure &failure) {
+		EXPECT_EQ(failure.code(), FailureCode::no_space) << failure.what();
+	}
+	setrlimit(RLIMIT_FSIZE, &unlimited);
+	EXPECT_EQ(dropped, free);
+	EXPECT_TRUE(repository.leftovers().empty());
+	const auto points = repository.points();
+	EXPECT_EQ(points.size(), 3U);
+	for (const Manifest &point : points)
+		EXPECT_EQ(read_point(repository, point.id), truths[point.number]);
+	EXPECT_EQ(forget_all_but(keep).size(), 1U);
+}
+
+/* Readers see neither damage nor other content while points go. */
 TEST_F(AgentTest, readers_are_not_disturbed_by_forgetting)
 {
 	std::minstd_rand random(9);
@@ -534,15 +636,13 @@ TEST_F(AgentTest, readers_are_not_disturbed_by_forgetting)
 	const pid_t process = fork();
 	if (process == 0) {
 		const Repository repository(repository_);
-		const File lock = repository.lock_for_writing();
-		Progress progress = silent();
 		for (auto points = repository.points(); points.size() > 1;
 		     points = repository.points()) {
 			std::set<std::string> keep;
 			for (const Manifest &point : points)
 				keep.insert(point.id);
 			keep.erase(points.front().id);
-			forget(repository, keep, progress);
+			forget_all_but(keep);
 		}
 		_exit(0);
 	}

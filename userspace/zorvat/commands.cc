@@ -92,21 +92,31 @@ template <typename Work> auto on_repository(Work work)
 	}
 }
 
+/* Whoever reads points needs none of what is damaged. */
+Repository open_to_read(const fs::path &directory)
+{
+	Repository repository(directory);
+	if (!repository.damage().empty())
+		tell_line(repository.damage());
+	return repository;
+}
+
 PointReader open_point(const Options &options)
 {
 	const PointName name = PointName::parse(options.point);
-	return on_repository([&] { return PointReader(Repository(name.repository), name.point); });
+	return on_repository(
+		[&] { return PointReader(open_to_read(name.repository), name.point); });
 }
 
-/* For what is done to all of one. */
-Repository open_repository(const Options &options)
+/* The directory of what is done to all of one. */
+fs::path repository_alone(const Options &options)
 {
 	const PointName name = PointName::parse(options.point);
 	if (!name.point.empty())
 		throw Failure(FailureCode::usage,
 			      fmt::format("name the repository alone, {}, without a point",
 					  name.repository.native()));
-	return Repository(name.repository);
+	return name.repository;
 }
 
 std::string restore(const Options &options)
@@ -147,8 +157,11 @@ std::string mount(const Options &options)
 {
 	Progress progress = progress_for(options);
 	remove_leftovers_of_servers(progress);
-	const std::string node = on_repository(
-		[&] { return mount_point(PointName::parse(options.point), options.mount); });
+	const PointName name = PointName::parse(options.point);
+	const std::string node = on_repository([&] {
+		open_to_read(name.repository);
+		return mount_point(name, options.mount);
+	});
 	return options.json ? dump({{"node", node}, {"directory", options.mount.directory}}) : "";
 }
 
@@ -161,9 +174,12 @@ std::string umount(const Options &options)
 /* Problems on standard error, so that the list itself stays for programs. */
 std::string list(const Options &options)
 {
-	const Repository repository = open_repository(options);
+	const Repository repository = open_to_read(repository_alone(options));
 	std::vector<std::string> problems;
 	const auto points = on_repository([&] { return repository.points(problems); });
+	std::string volume = repository.volume_name();
+	if (!repository.damage().empty() && !points.empty())
+		volume = points.back().volume_name;
 	Json json = Json::array();
 	std::string text = fmt::format("{:<24} {:<19} {:<11} {:>10} {:>10} {:>10}\n", "POINT",
 				       "TIME (UTC)", "KIND", "SIZE", "CHANGED", "STORED");
@@ -174,7 +190,7 @@ std::string list(const Options &options)
 				    human_bytes(point.changed_bytes),
 				    human_bytes(point.data.length));
 	}
-	print(options.json ? dump({{"volume", repository.volume_name()}, {"points", json}}) : text);
+	print(options.json ? dump({{"volume", volume}, {"points", json}}) : text);
 	if (!problems.empty())
 		throw Failure(FailureCode::damaged, fmt::format("{}", fmt::join(problems, "\n")));
 	return "";
@@ -210,7 +226,7 @@ std::string verify(const Options &options)
 {
 	heed_signals();
 	Progress progress = progress_for(options);
-	const Repository repository = open_repository(options);
+	const Repository repository(repository_alone(options));
 	const auto problems = on_repository([&] { return agent::verify(repository, progress); });
 	if (options.json)
 		print(dump({{"problems", problems}}));
@@ -219,11 +235,12 @@ std::string verify(const Options &options)
 	return options.json ? "" : "all restore points are sound\n";
 }
 
-/* Returns the ids of those that go. */
-std::vector<std::string> forget_points(const PointName &name, const Options &options)
+/* Adds the ids of those that have gone, or would go, to dropped. */
+void forget_points(const PointName &name, const Options &options, std::vector<std::string> &dropped)
 {
 	Progress progress = progress_for(options);
-	const Repository repository(name.repository);
+	const Repository repository =
+		options.dry_run ? open_to_read(name.repository) : Repository(name.repository);
 	const File lock = options.dry_run ? File() : repository.lock_for_writing();
 	const auto points = repository.points();
 	std::set<std::string> keep;
@@ -234,13 +251,21 @@ std::vector<std::string> forget_points(const PointName &name, const Options &opt
 			keep.insert(point.id);
 		keep.erase(repository.find(name.point).id);
 	}
-	std::vector<std::string> dropped;
+	if (!options.dry_run)
+		return agent::forget(repository, keep, progress, dropped);
 	for (const Manifest &point : points)
 		if (!keep.contains(point.id))
 			dropped.push_back(point.id);
-	if (!options.dry_run)
-		agent::forget(repository, keep, progress);
-	return dropped;
+}
+
+std::string list_dropped(const std::vector<std::string> &dropped, const Options &options)
+{
+	if (options.json)
+		return dump({{"dropped", dropped}, {"dry_run", options.dry_run}});
+	std::string text;
+	for (const std::string &id : dropped)
+		text += fmt::format("{} {}\n", options.dry_run ? "would forget" : "forgot", id);
+	return text;
 }
 
 std::string forget(const Options &options)
@@ -253,13 +278,15 @@ std::string forget(const Options &options)
 		throw Failure(FailureCode::usage,
 			      "say either what to keep, with --keep-last and others, or which "
 			      "point to forget, as REPO@POINT");
-	const auto dropped = on_repository([&] { return forget_points(name, options); });
-	if (options.json)
-		return dump({{"dropped", dropped}, {"dry_run", options.dry_run}});
-	std::string text;
-	for (const std::string &id : dropped)
-		text += fmt::format("{} {}\n", options.dry_run ? "would forget" : "forgot", id);
-	return text;
+	std::vector<std::string> dropped;
+	try {
+		on_repository([&] { forget_points(name, options, dropped); });
+	} catch (...) {
+		if (!dropped.empty())
+			print(list_dropped(dropped, options));
+		throw;
+	}
+	return list_dropped(dropped, options);
 }
 
 constexpr Subcommand table[] = {

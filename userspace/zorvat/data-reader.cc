@@ -33,19 +33,22 @@ size_t FrameDecoder::decompress(std::span<const std::byte> stored, std::span<std
 }
 
 /* A manifest names it: without it the point is damaged. */
-static File open_data(const fs::path &path)
+static File open_data(const fs::path &path, const std::string &point)
 try {
 	return File(path, O_RDONLY);
 } catch (const Failure &failure) {
 	if (failure.code() == FailureCode::not_found)
-		throw Failure(FailureCode::damaged, path.native() + " is missing", ENOENT);
+		throw Failure(
+			FailureCode::damaged,
+			fmt::format("{} of restore point {} is missing", path.native(), point),
+			ENOENT);
 	throw;
 }
 
 DataReader::DataReader(const fs::path &directory, const DataSummary &summary, uint64_t volume_size,
 		       const std::string &point, std::shared_ptr<FrameDecoder> decoder)
     : summary_(summary), volume_size_(volume_size), point_(point),
-      file_(open_data(directory / summary.file)), decoder_(std::move(decoder))
+      file_(open_data(directory / summary.file, point)), decoder_(std::move(decoder))
 {
 	if (file_.size() != summary_.length)
 		throw damage(fmt::format("it has {} bytes instead of {}", file_.size(),

@@ -210,6 +210,26 @@ uint64_t number_of(const std::string &id)
 	return number;
 }
 
+/* In order of their numbers. */
+std::vector<Manifest> points_in(const fs::path &directory, std::vector<std::string> &problems)
+{
+	std::vector<Manifest> points;
+	for (const fs::path &path : files_in(directory)) {
+		if (is_temporary(path))
+			continue;
+		try {
+			Manifest point = read_record(path, manifest_from);
+			if (point.id + std::string(manifest_suffix) != path.filename())
+				throw damaged(path.native(), "it has another point's name");
+			points.push_back(std::move(point));
+		} catch (const Failure &failure) {
+			problems.emplace_back(failure.what());
+		}
+	}
+	std::ranges::sort(points, {}, &Manifest::number);
+	return points;
+}
+
 } // namespace
 
 PointName PointName::parse(const std::string &text)
@@ -234,22 +254,33 @@ Repository::Repository(const fs::path &directory) : directory_(directory)
 		throw Failure(FailureCode::not_found,
 			      directory.native() + " is no repository: it has no repository.json");
 	}
-	const Json json = read_sealed_json(identity);
 	try {
-		if (json.at("format") != repository_format)
-			throw Failure(FailureCode::failed,
-				      fmt::format("{} has format {}; this program reads format {}",
-						  directory.native(), json.at("format").dump(),
-						  repository_format));
-		json.at("volume_name").get_to(volume_name_);
-		json.at("volume_uuid").get_to(volume_uuid_);
-	} catch (const Json::exception &error) {
-		throw damaged(identity.native(), error.what());
+		read_identity();
+	} catch (const Failure &failure) {
+		if (failure.code() != FailureCode::damaged && failure.error_number() != EIO)
+			throw;
+		damage_ = failure.what();
 	}
 	for (const fs::path &part : {points_directory(), data_directory()})
 		if (!fs::is_directory(part, error))
 			throw damaged(directory.native(),
 				      "it has no directory " + part.filename().native());
+}
+
+void Repository::read_identity()
+{
+	const Json json = read_sealed_json(identity_path());
+	try {
+		if (json.at("format") != repository_format)
+			throw Failure(FailureCode::failed,
+				      fmt::format("{} has format {}; this program reads format {}",
+						  directory_.native(), json.at("format").dump(),
+						  repository_format));
+		json.at("volume_name").get_to(volume_name_);
+		json.at("volume_uuid").get_to(volume_uuid_);
+	} catch (const Json::exception &error) {
+		throw damaged(identity_path().native(), error.what());
+	}
 }
 
 Repository Repository::open_or_create(const fs::path &directory, const std::string &volume_name,
@@ -259,16 +290,21 @@ Repository Repository::open_or_create(const fs::path &directory, const std::stri
 	if (fs::exists(identity))
 		return Repository(directory);
 	make_directory(directory);
-	/* What an interrupted creation has left may stay: it is made again. */
+	/* What an interrupted creation has left may stay, and points without repository.json. */
+	const std::set<fs::path> own = {"points", "data", "lock", "attempt.json", "lost+found"};
 	for (const fs::path &file : files_in(directory))
-		if (file.filename() != "points" && file.filename() != "data" &&
-		    file.filename() != "lock" && file.filename() != "lost+found" &&
-		    !is_temporary(file))
+		if (!own.contains(file.filename()) && !is_temporary(file))
 			throw Failure(FailureCode::usage,
 				      directory.native() + " is neither empty nor a repository");
 	make_directory(directory / "points");
 	make_directory(directory / "data");
 	const File lock = lock_directory(directory);
+	std::vector<std::string> unreadable;
+	for (const Manifest &point : points_in(directory / "points", unreadable))
+		if (point.volume_uuid != volume_uuid)
+			throw Failure(FailureCode::usage,
+				      fmt::format("{} has backups of another volume, {}",
+						  directory.native(), point.volume_name));
 	if (!fs::exists(identity))
 		write_sealed_json(identity, {{"format", repository_format},
 					     {"id", random_digits(32)},
@@ -293,22 +329,7 @@ File Repository::hold_points() const
 std::vector<Manifest> Repository::points(std::vector<std::string> &problems) const
 {
 	const File hold = hold_points();
-	std::vector<Manifest> points;
-	for (const fs::path &path : files_in(points_directory())) {
-		if (is_temporary(path))
-			continue;
-		try {
-			points.push_back(read_record(path, manifest_from));
-			if (manifest_path(points.back().id) != path) {
-				points.pop_back();
-				throw damaged(path.native(), "it has another point's name");
-			}
-		} catch (const Failure &failure) {
-			problems.emplace_back(failure.what());
-		}
-	}
-	std::ranges::sort(points, {}, &Manifest::number);
-	return points;
+	return points_in(points_directory(), problems);
 }
 
 std::vector<Manifest> Repository::points() const
@@ -359,6 +380,8 @@ std::vector<Manifest> Repository::chain_of(const Manifest &point) const
 
 File Repository::lock_for_writing() const
 {
+	if (!damage_.empty())
+		throw Failure(FailureCode::damaged, damage_);
 	File lock = lock_directory(directory_);
 	remove_leftovers();
 	return lock;

@@ -72,9 +72,12 @@ struct PointName {
 class Repository
 {
 public:
-	/* Throws Failure(not_found). */
+	/* Throws Failure(not_found). Points can be read whatever is in repository.json. */
 	explicit Repository(const fs::path &directory);
-	/* Makes one where there is nothing, or an empty directory. Throws Failure(usage). */
+	/*
+	 * Makes one where there is nothing, or an empty directory, or points of the same volume and
+	 * no repository.json. Throws Failure(usage).
+	 */
 	static Repository open_or_create(const fs::path &directory, const std::string &volume_name,
 					 const std::string &volume_uuid);
 
@@ -86,6 +89,12 @@ public:
 	{
 		return directory_ / "data";
 	}
+	/* Of repository.json, in words; empty: there is none. */
+	const std::string &damage() const
+	{
+		return damage_;
+	}
+	/* Empty if repository.json is damaged, as the next. */
 	const std::string &volume_name() const
 	{
 		return volume_name_;
@@ -108,7 +117,7 @@ public:
 
 	/*
 	 * Becomes the only writer for as long as the file is open, and removes what others have
-	 * left unfinished. Throws Failure(busy).
+	 * left unfinished. Throws Failure(busy), and Failure(damaged) if repository.json is.
 	 */
 	File lock_for_writing() const;
 
@@ -132,6 +141,7 @@ public:
 	void release_room() const;
 
 private:
+	void read_identity();
 	fs::path identity_path() const;
 	fs::path manifest_path(const std::string &id) const;
 	fs::path attempt_path() const
@@ -145,6 +155,7 @@ private:
 	}
 
 	fs::path directory_;
+	std::string damage_;
 	std::string volume_name_;
 	std::string volume_uuid_;
 };

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <fmt/format.h>
 #include <map>
+#include <span>
 
 #include "block-runs.h"
 #include "data-reader.h"
@@ -120,26 +121,44 @@ private:
 	FrameCache frames_;
 };
 
+/* A point, and others that it builds on; the newest first. */
+using Run = std::vector<const Manifest *>;
+
 /*
- * The points that a kept one builds on directly and that are to go, after it. Ends at a point on
- * which another kept one builds as well.
+ * The kept point and those below it that are to go, down to the next kept one. If other kept points
+ * build on some of them as well, each has them in its own run. Ends as well where a point is
+ * missing: what builds on that is lost, but may have to go.
  */
-std::vector<const Manifest *> run_of(const Manifest &kept,
-				     const std::map<std::string, const Manifest *> &by_id,
-				     const std::set<std::string> &keep)
+Run run_of(const Manifest &kept, const std::map<std::string, const Manifest *> &by_id,
+	   const std::set<std::string> &keep)
 {
-	std::vector<const Manifest *> run = {&kept};
+	Run run = {&kept};
 	while (!run.back()->is_full()) {
 		const auto parent = by_id.find(run.back()->parent);
-		if (parent == by_id.end())
-			throw Failure(FailureCode::damaged,
-				      fmt::format("restore point {} is missing; {} builds on it",
-						  run.back()->parent, run.back()->id));
-		if (keep.contains(parent->first))
+		if (parent == by_id.end() || keep.contains(parent->first))
 			break;
+		if (parent->second->number >= run.back()->number)
+			throw Failure(FailureCode::damaged,
+				      fmt::format("restore point {} builds on {}, which is newer",
+						  run.back()->id, parent->first));
 		run.push_back(parent->second);
 	}
 	return run;
+}
+
+bool is_in(std::span<const Run> runs, const Manifest &point)
+{
+	return std::ranges::any_of(
+		runs, [&](const Run &run) { return std::ranges::find(run, &point) != run.end(); });
+}
+
+void merge(const Repository &repository, const Run &run, Progress &progress)
+{
+	Merge merge(repository, run);
+	progress.begin(fmt::format("merging {} points into {}", run.size() - 1, run.front()->id),
+		       merge.bytes());
+	repository.commit(merge.write(progress));
+	progress.end();
 }
 
 /* Somebody may have forgotten the point, or merged others into it, since its manifest was read. */
@@ -151,6 +170,7 @@ bool was_replaced(const Repository &repository, const Manifest &manifest)
 		points, [&](const Manifest &now) { return now.data.file == manifest.data.file; });
 }
 
+/* Of its data file; empty: there is none. */
 std::string problem_in(const Repository &repository, const Manifest &manifest, Progress &progress)
 try {
 	DataReader reader(repository.data_directory(), manifest.data, manifest.size, manifest.id);
@@ -163,18 +183,29 @@ try {
 		covered = entry.end();
 	});
 	if (manifest.is_full() && !(whole && covered == manifest.size))
-		return fmt::format("restore point {} has not all of its blocks", manifest.id);
+		return fmt::format("{} of restore point {} has not all blocks of the volume",
+				   (repository.data_directory() / manifest.data.file).native(),
+				   manifest.id);
+	std::string first;
+	uint64_t bad_frames = 0;
 	for (uint64_t i = 0; i < reader.entries(); i++) {
 		const IndexEntry entry = reader.entry(i);
-		if (!entry.is_hole())
-			reader.read_frame(entry, plain);
+		try {
+			if (!entry.is_hole())
+				reader.read_frame(entry, plain);
+		} catch (const Failure &failure) {
+			if (bad_frames++ == 0)
+				first = failure.what();
+		}
 		progress.advance(entry.stored);
 	}
-	return "";
+	return bad_frames > 1
+		       ? fmt::format("{}; {} of its frames are bad in all", first, bad_frames)
+		       : first;
 } catch (const Failure &failure) {
 	if (failure.code() == FailureCode::interrupted)
 		throw;
-	return was_replaced(repository, manifest) ? "" : failure.what();
+	return failure.what();
 }
 
 } // namespace
@@ -193,61 +224,80 @@ std::set<std::string> points_to_keep(const std::vector<Manifest> &points, const 
 	return kept;
 }
 
-std::vector<std::string> forget(const Repository &repository, const std::set<std::string> &keep,
-				Progress &progress)
+void forget(const Repository &repository, const std::set<std::string> &keep, Progress &progress,
+	    std::vector<std::string> &dropped)
 {
 	const auto points = repository.points();
 	std::map<std::string, const Manifest *> by_id;
 	for (const Manifest &manifest : points)
 		by_id[manifest.id] = &manifest;
-
+	std::vector<Run> runs;
 	for (const Manifest &manifest : points) {
 		if (!keep.contains(manifest.id))
 			continue;
-		const auto run = run_of(manifest, by_id, keep);
-		if (run.size() == 1)
-			continue;
-		Merge merge(repository, run);
-		progress.begin(
-			fmt::format("merging {} points into {}", run.size() - 1, manifest.id),
-			merge.bytes());
-		repository.commit(merge.write(progress));
-		progress.end();
+		Run run = run_of(manifest, by_id, keep);
+		if (run.size() > 1)
+			runs.push_back(std::move(run));
 	}
-	/* Nothing that is kept builds on the rest. The newest first: each stays whole until it
-	 * goes. */
-	std::vector<std::string> dropped;
-	for (auto point = points.rbegin(); point != points.rend(); ++point) {
-		if (keep.contains(point->id))
-			continue;
-		repository.remove_manifest(point->id);
-		dropped.push_back(point->id);
-	}
+
+	std::span<const Run> pending = runs;
+	const auto drop = [&](const Manifest &point) {
+		if (keep.contains(point.id) || is_in(pending, point))
+			return;
+		repository.remove_manifest(point.id);
+		dropped.push_back(point.id);
+	};
+	/*
+	 * A disk may be full: first goes what makes room without taking any, and what a merge has
+	 * made needless goes before the next one. The newest first: each stays whole until it goes.
+	 */
+	for (auto point = points.rbegin(); point != points.rend(); ++point)
+		drop(*point);
 	repository.remove_leftovers();
-	return dropped;
+	while (!pending.empty()) {
+		const Run &run = pending.front();
+		merge(repository, run, progress);
+		pending = pending.subspan(1);
+		for (const Manifest *point : run)
+			drop(*point);
+		repository.remove_leftovers();
+	}
 }
 
 std::vector<std::string> verify(const Repository &repository, Progress &progress)
 {
 	std::vector<std::string> problems;
+	if (!repository.damage().empty())
+		problems.push_back(repository.damage());
 	const auto points = repository.points(problems);
-	std::set<std::string> ids;
 	uint64_t total = 0;
-	for (const Manifest &manifest : points) {
-		ids.insert(manifest.id);
+	for (const Manifest &manifest : points)
 		total += manifest.data.length;
-	}
 	progress.begin("verify", total);
+	std::map<std::string, uint64_t> sizes; // of the volume, at each older point
+	std::vector<std::string> unsound;
 	for (const Manifest &manifest : points) {
-		if (!manifest.is_full() && !ids.contains(manifest.parent) &&
-		    !was_replaced(repository, manifest))
+		const auto parent = sizes.find(manifest.parent);
+		bool sound = manifest.is_full() ||
+			     (parent != sizes.end() && parent->second == manifest.size);
+		if (!sound)
 			problems.push_back(fmt::format(
 				"restore point {} is missing or damaged; {} builds on it",
 				manifest.parent, manifest.id));
 		const std::string problem = problem_in(repository, manifest, progress);
-		if (!problem.empty())
+		if (!problem.empty() && !was_replaced(repository, manifest)) {
 			problems.push_back(problem);
+			sound = false;
+		}
+		sizes[manifest.id] = manifest.size;
+		if (!sound || std::ranges::count(unsound, manifest.parent) > 0)
+			unsound.push_back(manifest.id);
 	}
+	if (!unsound.empty())
+		problems.push_back(
+			fmt::format("restore points that have or build on what is damaged "
+				    "or missing: {}",
+				    fmt::join(unsound, ", ")));
 	try {
 		repository.attempt();
 	} catch (const Failure &failure) {

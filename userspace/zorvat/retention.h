@@ -28,14 +28,15 @@ std::set<std::string> points_to_keep(const std::vector<Manifest> &points, const 
 
 /*
  * Drops all points but these. What one that is kept builds on is merged into it. Whoever calls has
- * the repository's lock. Returns the dropped ids.
+ * the repository's lock. Adds the id of each point to dropped when it has gone, so that they are
+ * known after a failure, too.
  */
-std::vector<std::string> forget(const Repository &repository, const std::set<std::string> &keep,
-				Progress &progress);
+void forget(const Repository &repository, const std::set<std::string> &keep, Progress &progress,
+	    std::vector<std::string> &dropped);
 
 /*
- * Reads everything there is, and returns what is wrong with it: in words that name the file and the
- * restore point.
+ * Reads everything there is, and returns what is wrong with it: a line per file, which names it,
+ * and one with all points whose content is in question.
  */
 std::vector<std::string> verify(const Repository &repository, Progress &progress);
 
