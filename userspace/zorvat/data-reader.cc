@@ -35,7 +35,7 @@ size_t FrameDecoder::decompress(std::span<const std::byte> stored, std::span<std
 /* A manifest names it: without it the point is damaged. */
 static File open_data(const fs::path &path, const std::string &point)
 try {
-	return File(path, O_RDONLY);
+	return File(path, O_RDONLY | O_NONBLOCK); // of a pipe, the size tells
 } catch (const Failure &failure) {
 	if (failure.code() == FailureCode::not_found)
 		throw Failure(
@@ -86,6 +86,7 @@ void DataReader::check_footer()
 		throw damage("it is not the file that the restore point was made with");
 	index_offset_ = footer.index_offset;
 	if (index_offset_ < sizeof(DataHeader) ||
+	    footer.entries > summary_.length / sizeof(IndexEntry) ||
 	    index_offset_ + footer.entries * sizeof(IndexEntry) + sizeof(footer) != summary_.length)
 		throw damage("its footer makes no sense");
 }

@@ -89,28 +89,59 @@ Hash128 hash_from(const std::string &hex)
 	return hash;
 }
 
+uint64_t number_of(const std::string &id)
+{
+	uint64_t number = 0;
+	std::from_chars(id.data(), id.data() + id.size(), number);
+	return number;
+}
+
+/* As a conversion, it would take -1 for the largest one. */
+uint64_t count_from(const Json &json)
+{
+	if (!json.is_number_unsigned())
+		throw std::invalid_argument("a number is none, or negative");
+	return json.get<uint64_t>();
+}
+
+/* A checksum only tells that somebody wrote it so. */
+void check_sense(const Manifest &manifest)
+{
+	constexpr int64_t last_second = 253402300799; // of the year 9999
+	const std::string &file = manifest.data.file;
+	if (manifest.number == 0 || number_of(manifest.id) != manifest.number)
+		throw std::invalid_argument("its name has another number");
+	if (manifest.parent.find('/') != std::string::npos)
+		throw std::invalid_argument("its parent is in another place");
+	if (manifest.size == 0 || manifest.size > max_volume_bytes)
+		throw std::invalid_argument("no volume has its size");
+	if (manifest.time < 0 || manifest.time > last_second)
+		throw std::invalid_argument("its time is none");
+	if (!file.ends_with(".data") || file.find_first_of(std::string_view("/\0", 2)) != file.npos)
+		throw std::invalid_argument("its data file has no name of one");
+}
+
 Manifest manifest_from(const Json &json)
 {
 	Manifest manifest;
-	json.at("number").get_to(manifest.number);
+	manifest.number = count_from(json.at("number"));
 	json.at("id").get_to(manifest.id);
 	manifest.parent = text_or_null(json.at("parent"));
 	json.at("time").get_to(manifest.time);
 	json.at("volume_name").get_to(manifest.volume_name);
 	json.at("volume_uuid").get_to(manifest.volume_uuid);
-	json.at("size").get_to(manifest.size);
+	manifest.size = count_from(json.at("size"));
 	json.at("reason").get_to(manifest.reason);
 	const Json &data = json.at("data");
 	data.at("file").get_to(manifest.data.file);
-	data.at("length").get_to(manifest.data.length);
-	data.at("entries").get_to(manifest.data.entries);
+	manifest.data.length = count_from(data.at("length"));
+	manifest.data.entries = count_from(data.at("entries"));
 	manifest.data.index_hash = hash_from(data.at("index_xxh3_128"));
-	json.at("changed_bytes").get_to(manifest.changed_bytes);
+	manifest.changed_bytes = count_from(json.at("changed_bytes"));
 	manifest.driver = driver_from(json.at("driver"));
-	if (manifest.data.file.find('/') != std::string::npos)
-		throw std::invalid_argument("its data file is in another place");
 	if (json.at("block_size") != block_bytes)
 		throw std::invalid_argument("its blocks have another size");
+	check_sense(manifest);
 	return manifest;
 }
 
@@ -148,8 +179,10 @@ std::vector<BlockRun> runs_from(std::string_view text)
 	while (!text.empty()) {
 		const uint64_t first = end + take_number(text);
 		const uint64_t count = take_number(text);
-		runs.push_back({first, count});
 		end = first + count;
+		if (std::max({first, count, end}) > max_volume_bytes / block_bytes)
+			throw std::invalid_argument("its changes are outside of any volume");
+		runs.push_back({first, count});
 	}
 	return runs;
 }
@@ -203,20 +236,14 @@ File lock_directory(const fs::path &directory)
 	return lock;
 }
 
-uint64_t number_of(const std::string &id)
-{
-	uint64_t number = 0;
-	std::from_chars(id.data(), id.data() + id.size(), number);
-	return number;
-}
-
 /* In order of their numbers. */
 std::vector<Manifest> points_in(const fs::path &directory, std::vector<std::string> &problems)
 {
 	std::vector<Manifest> points;
 	for (const fs::path &path : files_in(directory)) {
-		if (is_temporary(path))
-			continue;
+		const std::string name = path.filename();
+		if (!name.ends_with(manifest_suffix) || name.starts_with('.'))
+			continue; // a temporary one, or somebody's
 		try {
 			Manifest point = read_record(path, manifest_from);
 			if (point.id + std::string(manifest_suffix) != path.filename())
@@ -430,6 +457,10 @@ std::vector<fs::path> Repository::leftovers() const
 		for (const fs::path &path : files_in(directory))
 			if (is_temporary(path))
 				leftovers.push_back(path);
+	std::error_code ignored;
+	std::erase_if(leftovers, [&](const fs::path &path) { // as lost+found
+		return fs::is_directory(path, ignored);
+	});
 	return leftovers;
 }
 

@@ -26,10 +26,10 @@ namespace
 bool is_tracked(const fs::path &device)
 {
 	try {
-		const std::string disk = resolve_volume(device).whole_disk;
-		return open_tracker(disk.empty() ? device.native() : "/dev/" + disk)
-			->state()
-			.tracked;
+		/* A name without a path would be a disk's name to the kernel. */
+		const fs::path path = fs::absolute(device);
+		const std::string disk = resolve_volume(path).whole_disk;
+		return open_tracker(disk.empty() ? path.native() : "/dev/" + disk)->state().tracked;
 	} catch (const Error &error) {
 		if (error.code() == Errc::driver_not_loaded || error.code() == Errc::unknown_volume)
 			return false;

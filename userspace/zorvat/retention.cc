@@ -137,9 +137,11 @@ Run run_of(const Manifest &kept, const std::map<std::string, const Manifest *> &
 		const auto parent = by_id.find(run.back()->parent);
 		if (parent == by_id.end() || keep.contains(parent->first))
 			break;
-		if (parent->second->number >= run.back()->number)
+		if (parent->second->number >= run.back()->number ||
+		    parent->second->size != run.back()->size)
 			throw Failure(FailureCode::damaged,
-				      fmt::format("restore point {} builds on {}, which is newer",
+				      fmt::format("restore point {} builds on {}, which is newer "
+						  "or of another size",
 						  run.back()->id, parent->first));
 		run.push_back(parent->second);
 	}
@@ -208,6 +210,38 @@ try {
 	return failure.what();
 }
 
+bool has_file(const Repository &repository, const Manifest &manifest)
+try {
+	DataReader(repository.data_directory(), manifest.data, manifest.size, manifest.id);
+	return true;
+} catch (const Failure &) {
+	return false;
+}
+
+/* Else what is forgotten may be all that can be read. Those that cannot be may always go. */
+void refuse_to_keep_only_damage(const Repository &repository, const std::vector<Manifest> &points,
+				const std::set<std::string> &keep)
+{
+	std::set<std::string> sound;
+	std::string damaged;
+	bool loses = false;
+	for (const Manifest &point : points) {
+		const bool has_parent = point.is_full() || sound.contains(point.parent);
+		const bool is_sound = has_parent && has_file(repository, point);
+		if (is_sound)
+			sound.insert(point.id);
+		if (keep.contains(point.id) && !is_sound)
+			damaged = point.id;
+		loses |= is_sound && !keep.contains(point.id);
+	}
+	if (loses && !damaged.empty())
+		throw Failure(
+			FailureCode::damaged,
+			fmt::format("restore point {}, which is to be kept, is damaged: forget "
+				    "it before others that are not",
+				    damaged));
+}
+
 } // namespace
 
 std::set<std::string> points_to_keep(const std::vector<Manifest> &points, const KeepRules &rules)
@@ -239,6 +273,7 @@ void forget(const Repository &repository, const std::set<std::string> &keep, Pro
 		if (run.size() > 1)
 			runs.push_back(std::move(run));
 	}
+	refuse_to_keep_only_damage(repository, points, keep);
 
 	std::span<const Run> pending = runs;
 	const auto drop = [&](const Manifest &point) {

@@ -57,7 +57,8 @@ public:
 	explicit SignalThread(DiskServer &server)
 	    : thread_([&server] {
 		      const sigset_t signals = ending_signals();
-		      sigwaitinfo(&signals, nullptr);
+		      int number; // sigwaitinfo() would also return when a stopped process goes on
+		      sigwait(&signals, &number);
 		      server.request_stop();
 	      })
 	{
