@@ -702,7 +702,8 @@ TEST(ExtentMapTest, the_newest_source_of_each_block_wins)
 				EXPECT_NE(found[run.first - 1], run.source);
 			}
 			last_end = run.end;
-			std::fill(found.begin() + run.first, found.begin() + run.end, run.source);
+			std::ranges::fill(std::span(found).subspan(run.first, run.end - run.first),
+					  run.source);
 		});
 		ASSERT_EQ(found, expected);
 		EXPECT_EQ(map.is_whole(), std::ranges::count(expected, ExtentMap::none) == 0);
@@ -737,7 +738,10 @@ TEST(ExtentMapTest, a_long_chain_takes_the_memory_of_a_short_one_and_the_time_of
 		rusage usage = {};
 		wait4(process, &status, 0, &usage);
 		EXPECT_EQ(status, 0);
-		const auto seconds = [](timeval time) { return time.tv_sec + time.tv_usec * 1e-6; };
+		const auto seconds = [](timeval time) {
+			return static_cast<double>(time.tv_sec) +
+			       static_cast<double>(time.tv_usec) * 1e-6;
+		};
 		return Cost{seconds(usage.ru_utime) + seconds(usage.ru_stime), usage.ru_maxrss};
 	};
 	const Cost one = cost_of(1, blocks / 200);
