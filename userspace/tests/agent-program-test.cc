@@ -231,10 +231,54 @@ TEST_F(AgentProgramTest, tells_what_it_forgot_before_it_failed)
 	back_up();
 	const auto full = back_up(true).point;
 	back_up();
-	fs::remove(repository_ / "data" / full.data.file);
+	{ /* In its index, which a merge reads first. */
+		std::fstream file(repository_ / "data" / full.data.file,
+				  std::ios::in | std::ios::out | std::ios::binary);
+		const auto at = static_cast<off_t>(full.data.length - sizeof(DataFooter) - 1);
+		file.seekg(at);
+		const int byte = file.get();
+		file.seekp(at);
+		file.put(static_cast<char>(byte ^ 1));
+	}
 	EXPECT_EQ(run("forget repository --keep-last 1"), 7);
 	const std::string told = text_of(directory_ / "output");
 	EXPECT_TRUE(told.starts_with("forgot 1-") && told.find("forgot", 1) == told.npos) << told;
+}
+
+/* As no agent writes them, but with checksums that fit. */
+TEST_F(AgentProgramTest, senseless_records_are_damage)
+{
+	for (int round = 0; round < 2; round++)
+		back_up();
+	const std::string id = Repository(repository_).find("2").id;
+	const fs::path manifest = repository_ / "points" / (id + ".json");
+	const Json intact = read_sealed_json(manifest);
+	struct {
+		const char *member;
+		Json value;
+	} const changes[] = {
+		{"number", 7},
+		{"parent", id},
+		{"parent", "../points/1"},
+		{"size", -1},
+		{"size", uint64_t{1} << 63},
+		{"size", block_bytes},
+		{"time", int64_t{1} << 60},
+		{"data", {{"file", ".."}}},
+	};
+	for (const auto &[member, value] : changes) {
+		Json changed = intact;
+		if (value.is_object())
+			changed[member].update(value);
+		else
+			changed[member] = value;
+		write_sealed_json(manifest, changed);
+		for (const char *arguments : {"verify repository", "restore repository@2 --to copy",
+					      "forget repository --keep-last 1"})
+			EXPECT_EQ(run(arguments), 7) << member << "=" << value << ": " << arguments;
+	}
+	write_sealed_json(manifest, intact);
+	EXPECT_EQ(run("verify repository"), 0);
 }
 
 TEST_F(AgentProgramTest, what_cannot_be_told_ends_nothing)

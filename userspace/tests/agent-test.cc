@@ -8,6 +8,7 @@
 #include <csignal>
 #include <dlfcn.h>
 #include <functional>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include "block-runs.h"
@@ -23,6 +24,8 @@ namespace
 zorvat::agent::Machine *mortal = nullptr;
 /* Gets the file that is to be flushed. */
 std::function<void(int)> before_flush;
+/* For longer files there is no room, which a flush tells; 0: without limit. */
+off_t room = 0; // bytes
 
 template <typename... Arguments> int real(const char *name, Arguments... arguments)
 {
@@ -46,6 +49,11 @@ extern "C" int fsync(int fd)
 {
 	if (before_flush)
 		before_flush(fd);
+	struct stat status;
+	if (room > 0 && fstat(fd, &status) == 0 && status.st_size > room) {
+		errno = ENOSPC;
+		return -1;
+	}
 	return real("fsync", fd);
 }
 
@@ -602,11 +610,7 @@ TEST_F(AgentTest, forgetting_on_a_full_disk_frees_what_it_can)
 	const std::set<std::string> keep = {repository.find("2").id, repository.find("4").id};
 	const std::vector<std::string> free = {repository.find("6").id, repository.find("5").id,
 					       repository.find("1").id};
-	std::signal(SIGXFSZ, SIG_IGN);
-	rlimit unlimited;
-	getrlimit(RLIMIT_FSIZE, &unlimited);
-	const rlimit limit = {1 << 20, unlimited.rlim_max};
-	setrlimit(RLIMIT_FSIZE, &limit);
+	room = 1 << 20;
 	std::vector<std::string> dropped;
 	try {
 		Progress progress = silent();
@@ -615,7 +619,7 @@ TEST_F(AgentTest, forgetting_on_a_full_disk_frees_what_it_can)
 	} catch (const Failure &failure) {
 		EXPECT_EQ(failure.code(), FailureCode::no_space) << failure.what();
 	}
-	setrlimit(RLIMIT_FSIZE, &unlimited);
+	room = 0;
 	EXPECT_EQ(dropped, free);
 	EXPECT_TRUE(repository.leftovers().empty());
 	const auto points = repository.points();
@@ -623,6 +627,20 @@ TEST_F(AgentTest, forgetting_on_a_full_disk_frees_what_it_can)
 	for (const Manifest &point : points)
 		EXPECT_EQ(read_point(repository, point.id), truths[point.number]);
 	EXPECT_EQ(forget_all_but(keep).size(), 1U);
+}
+
+TEST_F(AgentTest, nothing_sound_is_forgotten_for_what_is_damaged)
+{
+	std::vector<std::string> ids;
+	for (int round = 0; round < 4; round++)
+		ids.push_back(back_up(round == 2).point.id);
+	const Repository repository(repository_);
+	fs::remove(repository.data_directory() / repository.find(ids[2]).data.file);
+	EXPECT_THROW(forget_all_but({ids[2], ids[3]}), Failure);
+	EXPECT_EQ(repository.points().size(), 4U);
+	EXPECT_EQ(forget_all_but({ids[0], ids[1], ids[2]}).size(), 1U);
+	EXPECT_EQ(forget_all_but({ids[1]}).size(), 2U);
+	EXPECT_EQ(read_point(repository, "").size(), fake_size);
 }
 
 /* Readers see neither damage nor other content while points go. */
