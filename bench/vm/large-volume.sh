@@ -35,7 +35,8 @@ use_repository() { # on the third disk
 
 back_up() { # WHAT
 	time -v zorvat backup vg/data --to /tmp/repository/data -q >/tmp/summary 2>/tmp/usage
-	echo "  $1: $(cat /tmp/summary), peak memory $(awk '/Maximum resident/ { print $NF }' /tmp/usage) KiB" \
+	# busybox takes the kernel's KiB for pages.
+	echo "  $1: $(cat /tmp/summary), peak memory $(awk '/Maximum resident/ { print $NF / 4 }' /tmp/usage) KiB" \
 		>/dev/ttyS1
 }
 
