@@ -212,7 +212,8 @@ try {
 
 bool has_file(const Repository &repository, const Manifest &manifest)
 try {
-	DataReader(repository.data_directory(), manifest.data, manifest.size, manifest.id);
+	const DataReader reader(repository.data_directory(), manifest.data, manifest.size,
+				manifest.id);
 	return true;
 } catch (const Failure &) {
 	return false;
