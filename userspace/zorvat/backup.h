@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "data-writer.h"
 #include "progress.h"
 #include "repository.h"
 #include "snapshots.h"
@@ -25,7 +26,7 @@ struct BackupEnvironment {
 	/* Of the volume at that path. */
 	std::function<std::unique_ptr<ChangeTracker>(const std::string &path)> open_tracker;
 	/* Where a volume is marked as being backed up. */
-	std::filesystem::path lock_directory = "/run";
+	std::filesystem::path lock_directory = machine_lock_directory;
 };
 
 struct BackupRequest {

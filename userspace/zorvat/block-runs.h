@@ -3,13 +3,19 @@
 #ifndef ZORVAT_AGENT_BLOCK_RUNS_H
 #define ZORVAT_AGENT_BLOCK_RUNS_H
 
+#include <cstdint>
 #include <vector>
 #include <zorvat/driver.h>
 
-#include "repository.h"
-
 namespace zorvat::agent
 {
+
+struct BlockRun {
+	uint64_t first;
+	uint64_t count;
+
+	bool operator==(const BlockRun &) const = default;
+};
 
 /* The blocks that the extents touch, up to the volume's end; size in bytes. */
 std::vector<BlockRun> runs_of(const std::vector<Extent> &extents, uint64_t size);

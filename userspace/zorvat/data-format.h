@@ -7,6 +7,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "checksum.h"
 
@@ -67,6 +68,14 @@ struct DataFooter {
 	Hash128 hash; // of what precedes
 };
 static_assert(sizeof(DataFooter) == 64);
+
+/* What a manifest says about its data file. */
+struct DataSummary {
+	std::string file; // name in the data directory
+	uint64_t length = 0;
+	uint64_t entries = 0;
+	Hash128 index_hash = {};
+};
 
 } // namespace zorvat::agent
 

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "data-format.h"
-#include "data-writer.h"
 #include "files.h"
 
 struct ZSTD_DCtx_s;
@@ -36,8 +35,8 @@ private:
 };
 
 /*
- * All functions throw Failure(damaged) that names the file and the restore point. Not for several
- * threads at once.
+ * What was not written so is Failure(damaged), which names the file and the restore point; what
+ * cannot be read is another Failure. Not for several threads at once.
  */
 class DataReader
 {

@@ -15,14 +15,6 @@ struct ZSTD_CCtx_s;
 namespace zorvat::agent
 {
 
-/* What a manifest says about its data file. */
-struct DataSummary {
-	std::string file; // name in the data directory
-	uint64_t length = 0;
-	uint64_t entries = 0;
-	Hash128 index_hash = {};
-};
-
 constexpr int default_compression = 3;
 
 /* Whether all bytes are zeros. Not for none. */

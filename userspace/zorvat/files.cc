@@ -9,6 +9,7 @@
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <zorvat/system-read.h>
 
 #include "checksum.h"
 
@@ -94,22 +95,6 @@ std::string read_text(const fs::path &path)
 
 } // namespace
 
-int read_fully(int fd, uint64_t offset, std::span<std::byte> to) noexcept
-{
-	while (!to.empty()) {
-		const ssize_t count = pread(fd, to.data(), to.size(), static_cast<off_t>(offset));
-		if (count < 0 && errno == EINTR)
-			continue;
-		if (count < 0)
-			return errno;
-		if (count == 0)
-			return EIO;
-		to = to.subspan(count);
-		offset += count;
-	}
-	return 0;
-}
-
 File::File(const fs::path &path, int flags, unsigned int mode)
     : path_(path), fd_(open(path.c_str(), flags | O_CLOEXEC, mode))
 {
@@ -119,7 +104,7 @@ File::File(const fs::path &path, int flags, unsigned int mode)
 
 void File::read(uint64_t offset, std::span<std::byte> to) const
 {
-	if (const int number = read_fully(fd_, offset, to))
+	if (const int number = read_all(fd_, offset, to))
 		throw system_failure(fmt::format("cannot read {} at {}", path_.native(), offset),
 				     number);
 }

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <paths.h>
 #include <span>
 #include <string_view>
 #include <unistd.h>
@@ -22,6 +23,9 @@ namespace zorvat::agent
 
 namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
+
+/* Of locks on what belongs to the whole machine. Older systems have no /run. */
+constexpr const char *machine_lock_directory = _PATH_VARRUN;
 
 /* The end of the names of files that are not whole yet. */
 constexpr std::string_view temporary_suffix = ".tmp";
@@ -78,9 +82,6 @@ private:
 	fs::path path_;
 	int fd_ = -1;
 };
-
-/* Reads a span whole. Returns 0 or a positive error number; EIO at the file's end. */
-int read_fully(int fd, uint64_t offset, std::span<std::byte> to) noexcept;
 
 /* A file that gets its name only when it is whole. If that does not happen, it goes. */
 class NewFile

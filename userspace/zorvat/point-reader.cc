@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstring>
 #include <fmt/format.h>
-#include <sys/mman.h>
 #include <syslog.h>
 
 #include "../output.h"
@@ -32,8 +31,8 @@ public:
 		while (!memory.empty()) {
 			const auto run = reader_.find(offset);
 			const size_t length = std::min(run.length, memory.size());
-			if (const int number = read_fully(reader_.cache().file(), run.cache_offset,
-							  memory.first(length)))
+			if (const int number =
+				    reader_.cache().copy_to(memory.first(length), run.cache_offset))
 				return number;
 			memory = memory.subspan(length);
 			offset += length;
@@ -55,23 +54,6 @@ private:
 
 } // namespace
 
-FrameCache::FrameCache() : file_(memfd_create("zorvat frames", MFD_CLOEXEC))
-{
-	constexpr size_t size = (slots + 1) * max_frame_bytes;
-	if (file_ < 0 || ftruncate(file_, size) != 0)
-		throw system_failure("cannot make a memory file", errno);
-	void *memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file_, 0);
-	if (memory == MAP_FAILED)
-		throw system_failure("cannot map a memory file", errno);
-	memory_ = {static_cast<std::byte *>(memory), size};
-}
-
-FrameCache::~FrameCache()
-{
-	munmap(memory_.data(), memory_.size());
-	close(file_);
-}
-
 uint64_t FrameCache::find_or_read(ExtentMap::Source source, DataReader &file,
 				  const IndexEntry &entry)
 {
@@ -81,8 +63,8 @@ uint64_t FrameCache::find_or_read(ExtentMap::Source source, DataReader &file,
 	if (slot == std::end(slots_)) {
 		slot = std::ranges::min_element(slots_, {}, &Slot::last_use);
 		slot->name = UINT64_MAX; // in case reading fails
-		file.read_frame(
-			entry, memory_.subspan((slot - slots_) * max_frame_bytes, max_frame_bytes));
+		file.read_frame(entry, frames_.memory().subspan((slot - slots_) * max_frame_bytes,
+								max_frame_bytes));
 		slot->name = name;
 	}
 	slot->last_use = uses_;

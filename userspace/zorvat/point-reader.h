@@ -7,6 +7,7 @@
 #include <optional>
 #include <vector>
 #include <zorvat/block-source.h>
+#include <zorvat/memory-file.h>
 
 #include "data-reader.h"
 #include "extent-map.h"
@@ -24,11 +25,6 @@ class FrameCache
 public:
 	static constexpr size_t slots = 12;
 
-	FrameCache();
-	~FrameCache();
-	FrameCache(const FrameCache &) = delete;
-	FrameCache &operator=(const FrameCache &) = delete;
-
 	/*
 	 * Where the entry's frame is. No other file has that source. Throws what reading it from
 	 * the file throws.
@@ -42,11 +38,12 @@ public:
 
 	std::span<const std::byte> at(uint64_t offset, size_t length) const
 	{
-		return memory_.subspan(offset, length);
+		return frames_.memory().subspan(offset, length);
 	}
-	int file() const
+	/* As MemoryFile's. */
+	int copy_to(std::span<std::byte> memory, uint64_t offset) const noexcept
 	{
-		return file_;
+		return frames_.copy_to(memory, offset);
 	}
 
 private:
@@ -55,8 +52,7 @@ private:
 		uint64_t last_use = 0;
 	};
 
-	int file_;
-	std::span<std::byte> memory_;
+	MemoryFile frames_{(slots + 1) * max_frame_bytes};
 	Slot slots_[slots];
 	uint64_t uses_ = 0;
 };

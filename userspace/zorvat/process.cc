@@ -10,38 +10,15 @@
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <utility>
 
 #include "failure.h"
+#include "pipe.h"
 
 namespace zorvat::agent
 {
 
 namespace
 {
-
-/* The writing end closes here once the program has it. */
-struct Pipe {
-	Pipe()
-	{
-		if (pipe2(ends.data(), O_CLOEXEC) != 0)
-			throw system_failure("cannot make a pipe", errno);
-	}
-	~Pipe()
-	{
-		close(ends[0]);
-		close_writing_end();
-	}
-	Pipe(const Pipe &) = delete;
-	Pipe &operator=(const Pipe &) = delete;
-	void close_writing_end()
-	{
-		if (ends[1] >= 0)
-			close(std::exchange(ends[1], -1));
-	}
-
-	std::array<int, 2> ends = {-1, -1};
-};
 
 /* Messages in English, and none about our open files. The first of a name wins. */
 std::vector<char *> environment_for_program()
@@ -71,8 +48,8 @@ pid_t start(const std::vector<std::string> &command, const Pipe &output, const P
 	posix_spawn_file_actions_t actions;
 	posix_spawn_file_actions_init(&actions);
 	posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-	posix_spawn_file_actions_adddup2(&actions, output.ends[1], STDOUT_FILENO);
-	posix_spawn_file_actions_adddup2(&actions, messages.ends[1], STDERR_FILENO);
+	posix_spawn_file_actions_adddup2(&actions, output.writing.get(), STDOUT_FILENO);
+	posix_spawn_file_actions_adddup2(&actions, messages.writing.get(), STDERR_FILENO);
 	posix_spawnattr_t attributes;
 	posix_spawnattr_init(&attributes);
 	sigset_t none;
@@ -97,7 +74,8 @@ pid_t start(const std::vector<std::string> &command, const Pipe &output, const P
 void read_both(const Pipe &first, std::string &first_text, const Pipe &second,
 	       std::string &second_text)
 {
-	std::array<pollfd, 2> polled = {{{first.ends[0], POLLIN, 0}, {second.ends[0], POLLIN, 0}}};
+	std::array<pollfd, 2> polled = {
+		{{first.reading.get(), POLLIN, 0}, {second.reading.get(), POLLIN, 0}}};
 	std::array<std::string *, 2> texts = {&first_text, &second_text};
 	while (polled[0].fd >= 0 || polled[1].fd >= 0) {
 		if (poll(polled.data(), polled.size(), -1) < 0 && errno != EINTR)
@@ -122,8 +100,8 @@ std::string run_program(const std::vector<std::string> &command)
 {
 	Pipe output, messages;
 	const pid_t process = start(command, output, messages);
-	output.close_writing_end();
-	messages.close_writing_end();
+	output.writing.reset();
+	messages.writing.reset();
 	std::string output_text, message_text;
 	read_both(output, output_text, messages, message_text);
 	int status = 0;

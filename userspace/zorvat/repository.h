@@ -8,7 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "data-writer.h"
+#include "block-runs.h"
+#include "data-format.h"
 #include "files.h"
 
 namespace zorvat::agent
@@ -39,14 +40,6 @@ struct Manifest {
 	{
 		return parent.empty();
 	}
-};
-
-/* A run of blocks. */
-struct BlockRun {
-	uint64_t first;
-	uint64_t count;
-
-	bool operator==(const BlockRun &) const = default;
 };
 
 /* A backup under way, or interrupted. */

@@ -10,6 +10,7 @@
 #include <optional>
 #include <sys/ioctl.h>
 
+#include "data-writer.h"
 #include "tracker.h"
 #include "volume-reader.h"
 

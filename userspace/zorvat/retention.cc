@@ -9,6 +9,7 @@
 
 #include "block-runs.h"
 #include "data-reader.h"
+#include "data-writer.h"
 #include "extent-map.h"
 #include "point-reader.h"
 

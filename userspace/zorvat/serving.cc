@@ -4,24 +4,26 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <csignal>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <iterator>
 #include <libmount/libmount.h>
 #include <optional>
 #include <poll.h>
-#include <pthread.h>
 #include <sstream>
 #include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <thread>
 #include <zorvat/disk-server.h>
+#include <zorvat/file-descriptor.h>
 
 extern "C" {
 #include <sys/pidfd.h> // of glibc 2.36, which does not say so itself
 }
+
+#include "../signal-thread.h"
+#include "pipe.h"
 
 namespace zorvat::agent
 {
@@ -33,52 +35,13 @@ using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
 constexpr std::chrono::milliseconds patience = 10s;
+/* How long the server of a mount takes at most to see that it is over, on a machine not too busy.
+ */
+constexpr std::chrono::milliseconds usual_end = 2s;
 
-sigset_t ending_signals()
+bool happens_within(std::chrono::milliseconds time, const std::function<bool()> &condition)
 {
-	sigset_t signals;
-	sigemptyset(&signals);
-	for (int signal : {SIGTERM, SIGINT, SIGHUP})
-		sigaddset(&signals, signal);
-	return signals;
-}
-
-void block_ending_signals()
-{
-	const sigset_t signals = ending_signals();
-	pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-	std::signal(SIGPIPE, SIG_IGN); // NOLINT(bugprone-signal-handler): nothing is run
-}
-
-/* Ends the server at a signal; they must be blocked in all threads. */
-class SignalThread
-{
-public:
-	explicit SignalThread(DiskServer &server)
-	    : thread_([&server] {
-		      const sigset_t signals = ending_signals();
-		      int number; // sigwaitinfo() would also return when a stopped process goes on
-		      sigwait(&signals, &number);
-		      server.request_stop();
-	      })
-	{
-	}
-	/* The signal comes last, and stops what has stopped. */
-	~SignalThread()
-	{
-		pthread_kill(thread_.native_handle(), SIGHUP);
-		thread_.join();
-	}
-	SignalThread(const SignalThread &) = delete;
-	SignalThread &operator=(const SignalThread &) = delete;
-
-private:
-	std::thread thread_;
-};
-
-bool eventually(const std::function<bool()> &condition)
-{
-	const auto end = Clock::now() + patience;
+	const auto end = Clock::now() + time;
 	while (!condition()) {
 		if (Clock::now() >= end)
 			return false;
@@ -87,10 +50,19 @@ bool eventually(const std::function<bool()> &condition)
 	return true;
 }
 
-void wait_for_node(const DiskServer &server)
+/* Ends the server at a signal, of those that are blocked. */
+SignalThread stop_at(const sigset_t &signals, DiskServer &server)
 {
-	std::error_code ignored;
-	if (!eventually([&] { return fs::exists(server.node(), ignored); }))
+	return SignalThread(signals, [&server](int) {
+		server.request_stop();
+		return false;
+	});
+}
+
+void begin(DiskServer &server)
+{
+	server.resume();
+	if (!server.wait_for_node(patience))
 		throw Failure(FailureCode::failed, server.node().native() + " has not appeared");
 }
 
@@ -127,10 +99,8 @@ bool is_mounted(const fs::path &device)
 /* A file system holds its device, from other namespaces too, and when detached but in use. */
 bool is_held(const fs::path &device)
 {
-	const int fd = open(device.c_str(), O_RDONLY | O_EXCL | O_CLOEXEC);
-	if (fd >= 0)
-		close(fd);
-	return fd < 0 && errno != ENOENT;
+	const FileDescriptor fd(open(device.c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
+	return !fd && errno != ENOENT;
 }
 
 /* Ends the server once its disk, which is mounted at begin(), is mounted nowhere any more. */
@@ -140,15 +110,14 @@ public:
 	explicit UnmountThread(DiskServer &server)
 	    : server_(server), mounts_(mount_table_path, O_RDONLY), over_(eventfd(0, EFD_CLOEXEC))
 	{
-		if (over_ < 0)
+		if (!over_)
 			throw system_failure("cannot make an event", errno);
 	}
 	~UnmountThread()
 	{
-		eventfd_write(over_, 1);
+		eventfd_write(over_.get(), 1);
 		if (thread_.joinable())
 			thread_.join();
-		close(over_);
 	}
 	UnmountThread(const UnmountThread &) = delete;
 	UnmountThread &operator=(const UnmountThread &) = delete;
@@ -165,7 +134,8 @@ private:
 	/* False: it is over before. */
 	bool wait_until_unmounted(const fs::path &device) const
 	{
-		std::array<pollfd, 2> polled = {{{mounts_.get(), POLLPRI, 0}, {over_, POLLIN, 0}}};
+		std::array<pollfd, 2> polled = {
+			{{mounts_.get(), POLLPRI, 0}, {over_.get(), POLLIN, 0}}};
 		while (!polled[1].revents) {
 			/* The kernel tells of changes of the table, but not who lets go last. */
 			const bool mounted = is_mounted(device);
@@ -178,7 +148,7 @@ private:
 
 	DiskServer &server_;
 	File mounts_;
-	int over_;
+	FileDescriptor over_;
 	std::thread thread_;
 };
 
@@ -299,12 +269,11 @@ void serve_mounted(const PointName &name, MountRequest request)
 	PointReader reader(Repository(name.repository), name.point);
 	request = completed(request, reader);
 	leave_terminal();
-	block_ending_signals();
+	const sigset_t blocked = block_signals();
 	DiskServer server(open_netlink(), make_source(std::move(reader)));
-	const SignalThread signals(server);
-	server.resume();
+	const SignalThread signals = stop_at(blocked, server);
 	UnmountThread unmount(server);
-	wait_for_node(server);
+	begin(server);
 	mount_disk(server, request);
 	unmount.begin();
 	if (!Answer{.kind = Answer::serves, .text = server.node()}.say())
@@ -341,25 +310,18 @@ public:
 	explicit Process(pid_t number) : number_(number), fd_(pidfd_open(number, 0))
 	{
 	}
-	~Process()
-	{
-		if (fd_ >= 0)
-			close(fd_);
-	}
-	Process(const Process &) = delete;
-	Process &operator=(const Process &) = delete;
 
-	bool ends_soon() const
+	bool ends_within(std::chrono::milliseconds time) const
 	{
-		if (fd_ < 0) // it has ended, or the kernel is old
-			return eventually([this] { return kill(number_, 0) != 0; });
-		pollfd ended{fd_, POLLIN, 0};
-		return poll(&ended, 1, patience.count()) != 0;
+		if (!fd_) // it has ended, or the kernel is old
+			return happens_within(time, [this] { return kill(number_, 0) != 0; });
+		pollfd ended{fd_.get(), POLLIN, 0};
+		return poll(&ended, 1, static_cast<int>(time.count())) != 0;
 	}
 
 private:
 	pid_t number_;
-	int fd_;
+	FileDescriptor fd_;
 };
 
 bool answers(const DiskAttributes &disk)
@@ -372,6 +334,16 @@ bool answers(const DiskAttributes &disk)
 	}
 }
 
+void destroy(const RestoreDisks &disks, DiskHandle disk)
+{
+	try {
+		disks.destroy(disk);
+	} catch (const Error &error) {
+		if (error.code() != Errc::unknown_disk) // its server has been faster
+			throw;
+	}
+}
+
 /*
  * Ends the server of a disk that is not mounted any more, which has files of the repository open
  * until then. That of a mount ends by itself. Others do when their disk is gone: there is no need
@@ -379,19 +351,17 @@ bool answers(const DiskAttributes &disk)
  */
 void end_server(const RestoreDisks &disks, const DiskAttributes &disk, const Process &server)
 {
-	if (server.ends_soon())
+	if (server.ends_within(usual_end))
 		return;
 	if (is_held("/dev/" + disk.name))
 		throw Failure(FailureCode::busy,
 			      fmt::format("{} is still in use elsewhere; process {} serves it "
 					  "until it is not",
 					  disk.name, disk.server));
-	const bool has_disk = std::ranges::any_of(disks.list(), [&](const DiskAttributes &other) {
-		return other.handle == disk.handle && other.server == disk.server;
-	});
-	if (has_disk)
-		disks.destroy(disk.handle);
-	if (!server.ends_soon())
+	const auto all = disks.list();
+	if (std::ranges::find(all, disk.name, &DiskAttributes::name) != all.end())
+		destroy(disks, disk.handle);
+	if (!server.ends_within(patience))
 		throw Failure(FailureCode::failed,
 			      fmt::format("process {}, which served {}, does not end", disk.server,
 					  disk.name));
@@ -401,7 +371,7 @@ void end_server(const RestoreDisks &disks, const DiskAttributes &disk, const Pro
  */
 File lock_removal()
 {
-	File lock("/run/zorvat-disks.lock", O_RDWR | O_CREAT);
+	File lock(fs::path(machine_lock_directory) / "zorvat-disks.lock", O_RDWR | O_CREAT);
 	lock.lock(LOCK_EX);
 	return lock;
 }
@@ -410,11 +380,10 @@ File lock_removal()
 
 void serve(PointReader reader, const std::function<void(const std::string &)> &ready)
 {
-	block_ending_signals();
+	const sigset_t blocked = block_signals();
 	DiskServer server(open_netlink(), make_source(std::move(reader)));
-	const SignalThread signals(server);
-	server.resume();
-	wait_for_node(server);
+	const SignalThread signals = stop_at(blocked, server);
+	begin(server);
 	ready(server.node());
 	server.wait();
 	server.stop();
@@ -428,21 +397,16 @@ std::string mount_point(const PointName &name, const MountRequest &request)
 	if (error || !fs::is_directory(absolute.directory))
 		throw Failure(FailureCode::usage, request.directory.native() + " is no directory");
 
-	std::array<int, 2> ends;
-	if (pipe2(ends.data(), O_CLOEXEC) != 0)
-		throw system_failure("cannot make a pipe", errno);
+	Pipe pipe;
 	const pid_t process = fork();
+	if (process < 0)
+		throw system_failure("cannot start a process", errno);
 	if (process == 0) {
-		run_in_background(name, absolute, ends[1]);
+		run_in_background(name, absolute, pipe.writing.get());
 		_exit(0);
 	}
-	const int number = errno;
-	close(ends[1]);
-	const Answer answer = Answer::read_from(ends[0]);
-	close(ends[0]);
-	if (process < 0)
-		throw system_failure("cannot start a process", number);
-	return answer.node_or_throw();
+	pipe.writing.reset();
+	return Answer::read_from(pipe.reading.get()).node_or_throw();
 }
 
 void unmount_point(const fs::path &directory)

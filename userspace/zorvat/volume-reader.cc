@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <new>
+#include <zorvat/file-descriptor.h>
 
 #include "data-format.h"
 
@@ -19,10 +20,7 @@ constexpr size_t page_bytes = 4096;
 
 File open_directly(const std::filesystem::path &path, bool &direct)
 {
-	const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_DIRECT);
-	direct = fd >= 0;
-	if (fd >= 0)
-		close(fd);
+	direct = bool(FileDescriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_DIRECT)));
 	return File(path, direct ? O_RDONLY | O_DIRECT : O_RDONLY);
 }
 

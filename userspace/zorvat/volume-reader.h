@@ -15,8 +15,8 @@
 #include <thread>
 #include <vector>
 
+#include "block-runs.h"
 #include "files.h"
-#include "repository.h"
 
 namespace zorvat::agent
 {

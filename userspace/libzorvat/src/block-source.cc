@@ -11,9 +11,8 @@
 #include <sys/stat.h>
 #include <zorvat/block-source.h>
 #include <zorvat/error.h>
-
-#include "file-descriptor.h"
-#include "system-read.h"
+#include <zorvat/file-descriptor.h>
+#include <zorvat/system-read.h>
 
 namespace zorvat
 {

@@ -6,9 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <zorvat/file-descriptor.h>
 #include <zorvat/transport.h>
 
-#include "file-descriptor.h"
 #include "wt.h"
 
 namespace zorvat

@@ -15,12 +15,12 @@
 #include <thread>
 #include <unistd.h>
 #include <zorvat/disk-server.h>
+#include <zorvat/system-read.h>
 
 #include "command-thread.h"
 #include "data-link.h"
 #include "listeners.h"
 #include "service-area.h"
-#include "system-read.h"
 
 namespace zorvat
 {
@@ -209,6 +209,18 @@ public:
 	{
 		return paths_.dev / disk().name;
 	}
+	bool wait_for_node(std::chrono::milliseconds patience)
+	{
+		const auto end = std::chrono::steady_clock::now() + patience;
+		std::error_code ignored;
+		std::unique_lock lock(lock_);
+		while (!ended_ && !std::filesystem::exists(node(), ignored)) {
+			if (std::chrono::steady_clock::now() >= end)
+				return false;
+			changed_.wait_for(lock, std::chrono::milliseconds(10));
+		}
+		return !ended_;
+	}
 	uint16_t port() const
 	{
 		return listener_.port();
@@ -380,6 +392,11 @@ const DiskAttributes &DiskServer::disk() const noexcept
 std::filesystem::path DiskServer::node() const
 {
 	return implementation_->node();
+}
+
+bool DiskServer::wait_for_node(std::chrono::milliseconds patience) const
+{
+	return implementation_->wait_for_node(patience);
 }
 
 uint16_t DiskServer::port() const noexcept

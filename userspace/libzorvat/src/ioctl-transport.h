@@ -8,9 +8,8 @@
 
 #include <functional>
 #include <string>
+#include <zorvat/file-descriptor.h>
 #include <zorvat/transport.h>
-
-#include "file-descriptor.h"
 
 namespace zorvat
 {

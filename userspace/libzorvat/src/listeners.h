@@ -5,9 +5,8 @@
 
 #include <cstdint>
 #include <string>
+#include <zorvat/file-descriptor.h>
 #include <zorvat/restore.h>
-
-#include "file-descriptor.h"
 
 namespace zorvat
 {

@@ -9,18 +9,14 @@
 #include <algorithm>
 #include <bit>
 #include <cerrno>
-#include <cstdio>
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <libnbd.h>
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/mman.h>
 #include <zorvat/block-source.h>
 #include <zorvat/error.h>
-
-#include "file-descriptor.h"
-#include "system-read.h"
+#include <zorvat/file-descriptor.h>
+#include <zorvat/memory-file.h>
 
 namespace zorvat
 {
@@ -53,63 +49,6 @@ Error cannot_serve(const std::string &uri, std::string_view why)
 	return Error(Errc::bad_image, fmt::format("cannot serve '{}': {}", uri, why),
 		     "is the server running, and does it have this export?", number());
 }
-
-/* Where the kernel has no files in memory, as 2.6.32, one without a name serves. */
-int nameless_file()
-{
-	const int file = memfd_create("zorvat-nbd", MFD_CLOEXEC);
-	if (file >= 0 || errno != ENOSYS)
-		return file;
-	std::FILE *stream = std::tmpfile();
-	if (!stream)
-		return -1;
-	const int duplicate = fcntl(fileno(stream), F_DUPFD_CLOEXEC, 0);
-	std::fclose(stream);
-	return duplicate;
-}
-
-/* Memory that is a file, too. */
-class Bounce
-{
-public:
-	Bounce() : file_(nameless_file())
-	{
-		if (!file_ || ftruncate(file_.get(), bounce_bytes) != 0)
-			throw failure();
-		void *address = mmap(nullptr, bounce_bytes, PROT_READ | PROT_WRITE, MAP_SHARED,
-				     file_.get(), 0);
-		if (address == MAP_FAILED)
-			throw failure();
-		memory_ = {static_cast<std::byte *>(address), bounce_bytes};
-	}
-	~Bounce()
-	{
-		munmap(memory_.data(), memory_.size());
-	}
-	Bounce(const Bounce &) = delete;
-	Bounce &operator=(const Bounce &) = delete;
-
-	std::span<std::byte> memory() const
-	{
-		return memory_;
-	}
-	int copy_to(std::span<std::byte> memory, size_t from) const noexcept
-	{
-		return read_all(file_.get(), from, memory);
-	}
-
-private:
-	static Error failure()
-	{
-		return Error(Errc::system,
-			     fmt::format("cannot get memory for data from an NBD server: {}",
-					 error_text(errno)),
-			     {}, errno);
-	}
-
-	FileDescriptor file_;
-	std::span<std::byte> memory_;
-};
 
 class NbdSource final : public BlockSource
 {
@@ -244,7 +183,7 @@ private:
 
 	std::string uri_;
 	FileDescriptor cancelled_;
-	Bounce bounce_;
+	MemoryFile bounce_{bounce_bytes};
 	Server server_;
 	uint64_t size_;
 	uint64_t alignment_;

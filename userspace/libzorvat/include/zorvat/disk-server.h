@@ -6,6 +6,7 @@
 #ifndef ZORVAT_DISK_SERVER_H
 #define ZORVAT_DISK_SERVER_H
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -73,8 +74,12 @@ public:
 
 	/* As they were when the disk was created. */
 	const DiskAttributes &disk() const noexcept;
-	/* The block device's node, once it is resumed. */
+	/* The block device's node, which the kernel makes, or a program soon after. */
 	std::filesystem::path node() const;
+	/*
+	 * Once it is resumed. False: the node has not appeared for so long, or wait() would return.
+	 */
+	bool wait_for_node(std::chrono::milliseconds patience) const;
 	/* The port of 127.0.0.1 that the disk can be resumed with. */
 	uint16_t port() const noexcept;
 	DiskServerStatistics statistics() const noexcept;
