@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <nlohmann/json.hpp>
-#include <paths.h>
 #include <span>
 #include <string_view>
 #include <unistd.h>
@@ -24,8 +23,8 @@ namespace zorvat::agent
 namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
 
-/* Of locks on what belongs to the whole machine. Older systems have no /run. */
-constexpr const char *machine_lock_directory = _PATH_VARRUN;
+/* Of locks on what belongs to the whole machine. */
+constexpr const char *machine_lock_directory = "/run";
 
 /* The end of the names of files that are not whole yet. */
 constexpr std::string_view temporary_suffix = ".tmp";
