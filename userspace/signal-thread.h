@@ -10,6 +10,7 @@
 #include <initializer_list>
 #include <pthread.h>
 #include <thread>
+#include <utility>
 
 namespace zorvat
 {

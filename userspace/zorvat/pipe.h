@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-/* A pipe to a process that is about to be started. */
+/* A pipe from a process that is about to be started. */
 #ifndef ZORVAT_AGENT_PIPE_H
 #define ZORVAT_AGENT_PIPE_H
 
@@ -14,7 +14,8 @@
 namespace zorvat::agent
 {
 
-/* Its end is seen once each process has closed its writing end. Programs that are run get neither.
+/* Its end is seen once each process has closed its writing end. Programs that are run get neither
+ * end, but for duplicates that are made for them.
  */
 struct Pipe {
 	/* Throws Failure. */

@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <iterator>
@@ -334,12 +336,14 @@ bool answers(const DiskAttributes &disk)
 	}
 }
 
-void destroy(const RestoreDisks &disks, DiskHandle disk)
+/* Its server may be faster, and the handle another disk's then; its name is not. */
+void destroy_if_there(const RestoreDisks &disks, const DiskAttributes &disk)
 {
 	try {
-		disks.destroy(disk);
+		if (disks.attributes(disk.handle).name == disk.name)
+			disks.destroy(disk.handle);
 	} catch (const Error &error) {
-		if (error.code() != Errc::unknown_disk) // its server has been faster
+		if (error.code() != Errc::unknown_disk)
 			throw;
 	}
 }
@@ -353,14 +357,15 @@ void end_server(const RestoreDisks &disks, const DiskAttributes &disk, const Pro
 {
 	if (server.ends_within(usual_end))
 		return;
-	if (is_held("/dev/" + disk.name))
+	if (is_held("/dev/" + disk.name)) {
+		if (server.ends_within(patience))
+			return;
 		throw Failure(FailureCode::busy,
 			      fmt::format("{} is still in use elsewhere; process {} serves it "
 					  "until it is not",
 					  disk.name, disk.server));
-	const auto all = disks.list();
-	if (std::ranges::find(all, disk.name, &DiskAttributes::name) != all.end())
-		destroy(disks, disk.handle);
+	}
+	destroy_if_there(disks, disk);
 	if (!server.ends_within(patience))
 		throw Failure(FailureCode::failed,
 			      fmt::format("process {}, which served {}, does not end", disk.server,

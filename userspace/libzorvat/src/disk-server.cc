@@ -219,7 +219,7 @@ public:
 				return false;
 			changed_.wait_for(lock, std::chrono::milliseconds(10));
 		}
-		return !ended_;
+		return true;
 	}
 	uint16_t port() const
 	{

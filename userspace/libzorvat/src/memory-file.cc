@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <unistd.h>
 #include <zorvat/error.h>
 #include <zorvat/memory-file.h>
 #include <zorvat/system-read.h>
@@ -14,7 +15,7 @@ namespace
 {
 
 /* Where the kernel has no files in memory, as 2.6.32, one without a name serves. */
-int nameless_file()
+int open_nameless()
 {
 	const int file = memfd_create("zorvat", MFD_CLOEXEC);
 	if (file >= 0 || errno != ENOSYS)
@@ -34,9 +35,13 @@ Error failure()
 
 } // namespace
 
-MemoryFile::MemoryFile(size_t size) : file_(nameless_file())
+/* With its space: on a full disk, a store in a hole would end the process. */
+MemoryFile::MemoryFile(size_t size) : file_(open_nameless())
 {
-	if (!file_ || ftruncate(file_.get(), static_cast<off_t>(size)) != 0)
+	if (!file_)
+		throw failure();
+	errno = posix_fallocate(file_.get(), 0, static_cast<off_t>(size));
+	if (errno != 0)
 		throw failure();
 	void *address = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file_.get(), 0);
 	if (address == MAP_FAILED)

@@ -77,7 +77,8 @@ public:
 	/* The block device's node, which the kernel makes, or a program soon after. */
 	std::filesystem::path node() const;
 	/*
-	 * Once it is resumed. False: the node has not appeared for so long, or wait() would return.
+	 * Once it is resumed. False: the node has not appeared for so long. Waits no longer than
+	 * wait() would.
 	 */
 	bool wait_for_node(std::chrono::milliseconds patience) const;
 	/* The port of 127.0.0.1 that the disk can be resumed with. */
