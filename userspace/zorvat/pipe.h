@@ -14,7 +14,8 @@
 namespace zorvat::agent
 {
 
-/* Its end is seen once each process has closed its writing end. Programs that are run get neither
+/*
+ * Its end is seen once each process has closed its writing end. Programs that are run get neither
  * end, but for duplicates that are made for them.
  */
 struct Pipe {

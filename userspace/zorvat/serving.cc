@@ -37,8 +37,7 @@ using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
 constexpr std::chrono::milliseconds patience = 10s;
-/* How long the server of a mount takes at most to see that it is over, on a machine not too busy.
- */
+/* The server of a mount sees that it is over within this time, unless the machine is busy. */
 constexpr std::chrono::milliseconds usual_end = 2s;
 
 bool happens_within(std::chrono::milliseconds time, const std::function<bool()> &condition)
@@ -336,18 +335,6 @@ bool answers(const DiskAttributes &disk)
 	}
 }
 
-/* Its server may be faster, and the handle another disk's then; its name is not. */
-void destroy_if_there(const RestoreDisks &disks, const DiskAttributes &disk)
-{
-	try {
-		if (disks.attributes(disk.handle).name == disk.name)
-			disks.destroy(disk.handle);
-	} catch (const Error &error) {
-		if (error.code() != Errc::unknown_disk)
-			throw;
-	}
-}
-
 /*
  * Ends the server of a disk that is not mounted any more, which has files of the repository open
  * until then. That of a mount ends by itself. Others do when their disk is gone: there is no need
@@ -365,7 +352,7 @@ void end_server(const RestoreDisks &disks, const DiskAttributes &disk, const Pro
 					  "until it is not",
 					  disk.name, disk.server));
 	}
-	destroy_if_there(disks, disk);
+	disks.destroy_if_there(disk); // its server may be faster
 	if (!server.ends_within(patience))
 		throw Failure(FailureCode::failed,
 			      fmt::format("process {}, which served {}, does not end", disk.server,

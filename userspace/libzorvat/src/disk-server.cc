@@ -80,16 +80,7 @@ public:
 	{
 		if (std::exchange(destroyed_, true))
 			return;
-		commands_.run([this] {
-			try {
-				/* A handle can be used again for another disk, a name is not. */
-				if (disks_.attributes(attributes_.handle).name == attributes_.name)
-					disks_.destroy(attributes_.handle);
-			} catch (const Error &error) {
-				if (error.code() != Errc::unknown_disk)
-					throw;
-			}
-		});
+		commands_.run([this] { disks_.destroy_if_there(attributes_); });
 	}
 
 private:

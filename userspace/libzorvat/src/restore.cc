@@ -243,6 +243,18 @@ void RestoreDisks::destroy(DiskHandle disk) const
 	run(destroy_disk, disk, {});
 }
 
+void RestoreDisks::destroy_if_there(const DiskAttributes &disk) const
+{
+	try {
+		/* A handle can be used again for another disk, a name is not. */
+		if (attributes(disk.handle).name == disk.name)
+			destroy(disk.handle);
+	} catch (const Error &error) {
+		if (error.code() != Errc::unknown_disk)
+			throw;
+	}
+}
+
 DiskAttributes RestoreDisks::attributes(DiskHandle disk) const
 {
 	if (auto attributes = attributes_if_any(disk))

@@ -82,6 +82,11 @@ public:
 	 */
 	void suspend(DiskHandle disk) const;
 	void destroy(DiskHandle disk) const;
+	/*
+	 * Destroys this disk and no other: does nothing if it is gone, though its handle may be
+	 * another disk's by now.
+	 */
+	void destroy_if_there(const DiskAttributes &disk) const;
 
 	/*
 	 * Also of disks that the driver lists and shows in sysfs, but whose handle it does not find
